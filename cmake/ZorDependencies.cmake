@@ -1,0 +1,33 @@
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+
+# hidapi is linked dynamically on purpose: a library that defines the same
+# hid_* symbols and is loaded first (the virtual focuser) takes its place.
+if(APPLE)
+  pkg_check_modules(HIDAPI REQUIRED IMPORTED_TARGET hidapi)
+else()
+  pkg_check_modules(HIDAPI REQUIRED IMPORTED_TARGET hidapi-hidraw)
+endif()
+add_library(zor::hidapi ALIAS PkgConfig::HIDAPI)
+
+pkg_check_modules(TINYXML IMPORTED_TARGET tinyxml)
+if(TINYXML_FOUND)
+  add_library(zor::tinyxml ALIAS PkgConfig::TINYXML)
+else()
+  find_path(TINYXML_INCLUDE_DIR tinyxml.h REQUIRED)
+  find_library(TINYXML_LIBRARY tinyxml REQUIRED)
+  add_library(zor_tinyxml INTERFACE)
+  target_include_directories(zor_tinyxml INTERFACE ${TINYXML_INCLUDE_DIR})
+  target_link_libraries(zor_tinyxml INTERFACE ${TINYXML_LIBRARY})
+  target_compile_definitions(zor_tinyxml INTERFACE TIXML_USE_STL)
+  add_library(zor::tinyxml ALIAS zor_tinyxml)
+endif()
+
+if(ZOR_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(ZOR_BUILD_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

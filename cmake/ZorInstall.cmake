@@ -1,0 +1,33 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS ZORfocuser EXPORT ZORfocuserTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set(ZOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ZORfocuser)
+install(EXPORT ZORfocuserTargets NAMESPACE ZORfocuser:: DESTINATION ${ZOR_CMAKE_DIR})
+configure_package_config_file(packaging/ZORfocuserConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfig.cmake INSTALL_DESTINATION ${ZOR_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfigVersion.cmake
+        DESTINATION ${ZOR_CMAKE_DIR})
+
+configure_file(packaging/ZORfocuser.pc.in ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuser.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuser.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(NOT APPLE)
+  # The udev rule is written with the configured vendor ID.
+  math(EXPR zor_vid "${ZOR_VENDOR_ID}" OUTPUT_FORMAT HEXADECIMAL)
+  string(REGEX REPLACE "^0x" "" zor_vid "${zor_vid}")
+  string(LENGTH "${zor_vid}" zor_vid_len)
+  while(zor_vid_len LESS 4)
+    string(PREPEND zor_vid "0")
+    string(LENGTH "${zor_vid}" zor_vid_len)
+  endwhile()
+  string(TOLOWER "${zor_vid}" ZOR_VENDOR_ID_HEX)
+  configure_file(packaging/99-zor-focuser.rules.in ${CMAKE_CURRENT_BINARY_DIR}/99-zor-focuser.rules @ONLY)
+  set(ZOR_UDEV_RULES_DIR "/etc/udev/rules.d" CACHE PATH "Where the udev rule is installed")
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/99-zor-focuser.rules DESTINATION ${ZOR_UDEV_RULES_DIR})
+endif()

@@ -1,0 +1,3 @@
+function(zor_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra $<$<BOOL:${ZOR_WERROR}>:-Werror>)
+endfunction()

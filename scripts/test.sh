@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds and runs every test suite: a plain build, then the same suites under
+# ASan+UBSan and under TSan, then a short fuzzing run. Installs what is
+# missing first.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/bootstrap.sh
+
+jobs=$(nproc 2>/dev/null || echo 2)
+build_root=${ZOR_BUILD_ROOT:-build-test}
+
+# TSan needs a fixed memory layout; newer kernels randomise more address bits
+# than its shadow mapping allows, so its tests run without randomisation.
+no_aslr() { if setarch "$(uname -m)" -R true 2>/dev/null; then setarch "$(uname -m)" -R "$@"; else "$@"; fi; }
+
+# run_suite NAME [RUNNER...] -- [CMAKE ARGS...]
+run_suite() {
+  local name=$1; shift
+  local runner=()
+  while [ "$1" != "--" ]; do runner+=("$1"); shift; done
+  shift
+  echo "=== ${name} build"
+  cmake -S . -B "${build_root}/${name}" -DZOR_WERROR=ON "$@" >/dev/null
+  cmake --build "${build_root}/${name}" -j"${jobs}"
+  echo "=== ${name} tests"
+  ${runner[@]+"${runner[@]}"} ctest --test-dir "${build_root}/${name}" --output-on-failure -j"${jobs}" --timeout 300
+}
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+run_suite plain -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite asan -- -DCMAKE_BUILD_TYPE=Debug -DZOR_SANITIZE=address -DZOR_BUILD_BENCH=OFF
+run_suite tsan no_aslr -- -DCMAKE_BUILD_TYPE=Debug -DZOR_SANITIZE=thread -DZOR_BUILD_BENCH=OFF
+
+if [ -f tests/fuzz/CMakeLists.txt ]; then
+  echo "=== fuzz build"
+  CC=clang CXX=clang++ cmake -S . -B "${build_root}/fuzz" -DZOR_WERROR=ON -DCMAKE_BUILD_TYPE=Debug \
+    -DZOR_BUILD_FUZZ=ON -DZOR_BUILD_BENCH=OFF -DZOR_BUILD_TESTS=ON >/dev/null
+  cmake --build "${build_root}/fuzz" -j"${jobs}" --target zor_fuzz_targets
+  echo "=== fuzz runs"
+  ctest --test-dir "${build_root}/fuzz" --output-on-failure -L fuzz
+fi
