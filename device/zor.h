@@ -1,0 +1,173 @@
+// CZOR: one focuser, reached over USB HID or Bluetooth LE. Every command has
+// a HID branch and a Bluetooth branch; methods that can run over either link
+// take the Bluetooth flag last (false: HID, true: Bluetooth).
+#pragma once
+
+#include "ZOR_focuser.h"
+#include "ble/ble_protocol.h"
+
+#include <hidapi.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class IBluetoothLEManager;
+
+// Capability IDs as the public interface numbers them (ZOR_CONTROL_TYPE).
+constexpr int kNumControlTypes = 8;
+
+class CZOR {
+public:
+    CZOR();
+    ~CZOR();
+    CZOR(const CZOR &) = delete;
+    CZOR &operator=(const CZOR &) = delete;
+
+    // Lifecycle
+    bool open(char *path);
+    void close();
+    const char *path() const { return m_szPath; }
+    bool isOpen() const { return m_bOpen; }
+
+    // HID transport
+    int sendCMD(unsigned char *cmd, int len, bool needReply, unsigned char *reply);
+    int handleReportErr(int result);
+    void HIDUpdateStatus(bool failed);
+    void HIDReconnect();
+
+    // Status, motion and parameters
+    int getParams(bool ble);
+    int clearError();
+    int sendControl(int iReset, bool ble);
+    int SetStep(int step, bool ble);
+    int stopMove(bool ble);
+    int resetStep(int step, bool ble);
+    int setMaxStep(int max, bool ble);
+    int setBacklash(int backlash, bool ble);
+    int setBeep(bool on, bool ble);
+    int setReverse(bool on, bool ble);
+    int setMaxForce(int force, bool ble);
+    int SetSpeed(int speed);
+    int saveFWConf();
+    int isMoving(bool *moving, bool *byDevice, bool ble);
+    int isHandControl(bool *handControl, bool ble);
+    int getTemp(float *temp, bool ble);
+    int getStepRange(int *range, bool ble);
+    int getSpeed(int *speed, bool ble);
+    int getStep(int *step, bool ble);
+    int getBeep(bool *on, bool ble);
+    int getReverse(bool *on, bool ble);
+    int getBacklash(int *backlash, bool ble);
+    int getMaxStep(int *max, bool ble);
+    int getMaxForce(int *force, bool ble);
+    void setRepeatTime(int repeatTime);
+    void setAutoClearError(bool autoClear);
+
+    // Identity, features and status
+    int getNumOfControls(int *count, bool ble);
+    int getControlCaps(int index, ZOR_CONTROL_CAPS *caps, bool ble);
+    int getFwVer(unsigned char *major, unsigned char *minor, unsigned char *build, bool ble);
+    int getType(ZOR_TYPE *type, bool ble);
+    int getSerialNumber(unsigned char *sn, int len, bool ble);
+    int setSerialNumber(unsigned char *sn, int len);
+    int getAlias(unsigned char *alias, int len, bool ble);
+    int setAlias(unsigned char *alias, int len, bool ble);
+    int getErrorCode(ZOR_ERROR_MSG *msg, bool ble);
+    int getPowerOffReason(int *reason, bool ble);
+    int getBLEName(char *name, int len);
+    int setBLEName(char *name, int len, bool ble);
+    int setShippingMode(bool ble);
+    int setLEDState(bool on, bool ble);
+    int getLEDState(bool *on, bool ble);
+    int getBatteryInfo(ZOR_BATTERY_INFO *info, bool ble);
+    int setFactoryMode();
+    int parseBatteryInfo(const unsigned char *data, size_t length, ZOR_BATTERY_INFO *info);
+
+    // USB firmware update
+    int HIDStartUpdate();
+    int HIDWriteUpdateFile(ZOR_HID_FILE_BUF buf);
+    int HIDEndUpdate();
+
+    // Bluetooth exchange
+    int bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> payload, bool waitForResponse,
+                    std::vector<unsigned char> &response);
+    int BLESendData(int type, char *input, int inputLength, bool waitForResponse, char *output);
+    // Takes ownership of the transport; the Bluetooth connect path uses this too.
+    void setBleManager(std::unique_ptr<IBluetoothLEManager> manager);
+    void setPairStateCallback(ZORPairStateCallback callback) { m_pairStateCallback = callback; }
+
+    // Settings kept on the host
+    void InitSubKey();
+    void LoadSetting();
+    void SaveSetting();
+
+private:
+    float CalculTempuature();
+    bool isConnected() const;
+    bool isBusy() const { return m_iEnabled == 1; }
+
+    hid_device *m_hDev = nullptr;
+    std::recursive_mutex m_mutex;
+    int m_iOutputLen = 16;
+    int m_iInputLen = 17;
+    unsigned char *pszInBuf = nullptr;
+    unsigned char *pszOutBuf = nullptr;
+    char *m_szPath = nullptr;
+    bool m_bOpen = false;
+    int m_iEnabled = 0;
+    int m_iBacklash = 0;
+    int m_iSpeed = 3000;
+    int m_iStep = 0;
+    int m_iMaxStep = 0;
+    int m_iTempAdc = 0;
+    bool bBeep = false;
+    bool bReverse = false;
+    bool m_bStatusBit2 = false;
+    int m_iReserved = 0;
+    int m_iRepeatTime = 3;
+    bool m_bAutoClearError = false;
+    bool m_bHandControl = false;
+    bool m_bRawTempAdc = true;
+    bool m_bFwNew = false;
+    bool m_bHasModelString = false;
+    uint8_t cMaxForce = 0;
+    int fwVersion = 0;
+    int m_iMaxStepLimit = 60000;
+    float m_fTempLast = 0;
+    std::mutex m_bleMutex;
+    std::string m_strModel;
+    bool m_bBleConnected = false;
+    bool m_bLedOn = true;
+    // Supported flags, stored in this order (which differs from the IDs'
+    // order: Battery info before ZOR Type).
+    bool m_bFeatureBle = false;
+    bool m_bFeatureLed = false;
+    bool m_bFeatureBuzzer = false;
+    bool m_bFeatureBattery = false;
+    bool m_bFeatureType = false;
+    bool m_bFeatureErrCode = false;
+    bool m_bFeatureFwUpdate = false;
+    bool m_bFeatureUsbUpdate = false;
+    int m_aControlIds[64] = {};
+    int64_t m_bleWord1 = 0;
+    int64_t m_bleWord2 = 0;
+    uint8_t m_cErrCount = 0;
+    uint8_t m_cReconnectCount = 0;
+    char *m_pszKeyPath = nullptr;
+    float m_fTempValid = 0;
+    int m_iTempMax = 250;
+    int m_iTempMin = -20;
+    std::unique_ptr<IBluetoothLEManager> m_pBleManager;
+
+    // Bluetooth session
+    ZORPairStateCallback m_pairStateCallback = nullptr;
+    ZORConnStateCallback m_connStateCallback = nullptr;
+    bool m_bBlePaired = false;
+    bool m_bBleSessionReady = false;
+
+    friend class CZORTestAccess;
+};
