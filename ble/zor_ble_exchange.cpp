@@ -1,0 +1,177 @@
+// The device object's request/response exchange over Bluetooth LE, and the
+// raw pass-through beside it.
+#include "device/zor.h"
+
+#include "ble_transport/ble_manager.h"
+#include "support/log.h"
+
+#include <atomic>
+#include <cstring>
+
+namespace {
+
+constexpr char kLogModule[] = "ZOR";
+
+// Arguments of every SendData call; the transport ignores them.
+constexpr uint32_t kSendReserved1 = 3;
+constexpr uint32_t kSendReserved2 = 0;
+
+constexpr uint8_t kNotifyPairAccepted = 0x00;
+constexpr uint8_t kNotifyPairRefused = 0x01;
+constexpr uint8_t kResponseOk = 0x00;
+
+// Failed waits tolerated once the device has reported a new connection.
+constexpr int kNewConnectionWaits = 12;
+
+} // namespace
+
+void CZOR::setBleManager(std::unique_ptr<IBluetoothLEManager> manager)
+{
+    // Under the exchange lock, so that no request is in flight on the old one.
+    std::lock_guard<std::mutex> lock(m_bleMutex);
+    m_pBleManager = std::move(manager);
+}
+
+int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> payload, bool waitForResponse,
+                      std::vector<unsigned char> &response)
+{
+    // One counter for the whole library: every device's requests draw from it,
+    // and it wraps from 255 to 0.
+    static std::atomic<uint8_t> iCommandId{0};
+
+    std::lock_guard<std::mutex> lock(m_bleMutex);
+    IBluetoothLEManager *manager = m_pBleManager.get();
+    if (!manager)
+        return ZOR_ERROR_BLE_NOT_CONNECTED;
+
+    const uint8_t commandId = iCommandId.fetch_add(1);
+
+    BLEProtocol::ProtoRequest request;
+    request.frameType = BLEProtocol::FRAME_REQUEST;
+    request.lengthLow = static_cast<uint8_t>(payload.size() & 0xFF);
+    request.sequence = commandId;
+    request.commandType = type;
+    request.payload = payload;
+    request.lengthHigh = static_cast<uint8_t>((payload.size() >> 8) & 0xFF);
+    BLEProtocol::Bytes frame;
+    BLEProtocol::encodeRequest(request, frame);
+
+    manager->setIsRead(waitForResponse);
+    // Every payload the device object builds holds at least the two marker and
+    // two command bytes; a shorter one throws std::out_of_range here, before
+    // anything is sent.
+    ZOR_LOG("input:%02x, %02x, iCommandId:%d", payload.at(2), payload.at(3), static_cast<int>(commandId));
+
+    if (!manager->SendData(frame, kSendReserved1, kSendReserved2))
+        return ZOR_ERROR_BLE_SEND;
+    if (!waitForResponse)
+        return ZOR_SUCCESS;
+
+    bool bIsNewConnect = false;
+    int iWaitNums = 1;
+    for (;;) {
+        if (!bIsNewConnect) {
+            if (!manager->WaitForDataAndProcess())
+                return ZOR_ERROR_BLE_TIMEOUT;
+        } else {
+            // The device is setting the link up again: allow it a number of
+            // empty waits over the rest of this exchange.
+            while (!manager->WaitForDataAndProcess()) {
+                if (iWaitNums > kNewConnectionWaits)
+                    return ZOR_ERROR_BLE_TIMEOUT;
+                ZOR_LOG("This is bIsNewConnect, iWaitNums%d", iWaitNums);
+                ++iWaitNums;
+            }
+        }
+
+        std::vector<unsigned char> rx;
+        manager->GetReceivedData(rx);
+
+        if (rx.at(0) == BLEProtocol::FRAME_NOTIFICATION) {
+            ZOR_LOG("bleSendData recv Notification data");
+            const int32_t ret = BLEProtocol::decodeNotification(rx);
+            if (ret < 0) {
+                ZOR_LOG("decodeNotification ret:%d", ret);
+                return ZOR_ERROR_BLE_RESPONSE;
+            }
+            // rx has lost its checksum byte: a 4-byte notification throws here.
+            const uint8_t status = rx.at(3);
+            if (status == kNotifyPairRefused) {
+                if (m_pairStateCallback)
+                    m_pairStateCallback(ZOR_ERROR_BLE_PAIR_REJECTED);
+                return ZOR_ERROR_BLE_PAIR_REJECTED;
+            }
+            if (status == kNotifyPairAccepted) {
+                // Ends the exchange although the request itself is unanswered;
+                // `response` keeps what it held.
+                if (m_pairStateCallback)
+                    m_pairStateCallback(ZOR_SUCCESS);
+                return ZOR_SUCCESS;
+            }
+            continue;
+        }
+
+        if (rx.at(2) != commandId) {
+            ZOR_LOG("Received outdated response, expected command ID: %d, but got: %d, discarding and waiting for "
+                    "next response...",
+                    static_cast<int>(commandId), static_cast<int>(rx.at(2)));
+            continue;
+        }
+
+        if (rx.at(0) == BLEProtocol::FRAME_RESPONSE) {
+            const uint8_t status = rx.at(3);
+            if (status == kResponseOk) {
+                const int32_t ret = BLEProtocol::decodeResponse(rx);
+                ZOR_LOG("decodeResponse ret:%d", ret);
+                if (ret < 0)
+                    return ZOR_ERROR_BLE_RESPONSE;
+                response.assign(rx.begin() + 1, rx.end());
+                return ZOR_SUCCESS;
+            }
+            if (status == BLEProtocol::STATUS_NEW_CONNECTION) {
+                if (m_pairStateCallback)
+                    m_pairStateCallback(ZOR_ERROR_BLE_NEW_CONNECTION);
+                ZOR_LOG("This is a new connection.");
+                bIsNewConnect = true;
+                continue;
+            }
+        }
+
+        // Any other status, or a frame of another type: handed over unchecked,
+        // its checksum byte included.
+        response.assign(rx.begin() + 1, rx.end());
+        return ZOR_SUCCESS;
+    }
+}
+
+int CZOR::BLESendData(int type, char *input, int inputLength, bool waitForResponse, char *output)
+{
+    (void)type;
+    IBluetoothLEManager *manager = m_pBleManager.get();
+    if (!manager)
+        return ZOR_ERROR_BLE_NOT_CONNECTED;
+
+    // No access outside the caller's buffers: a negative length is no bytes.
+    const size_t length = inputLength > 0 ? static_cast<size_t>(inputLength) : 0;
+    std::vector<unsigned char> vInputData;
+    if (length > 0)
+        vInputData.assign(reinterpret_cast<unsigned char *>(input), reinterpret_cast<unsigned char *>(input) + length);
+    ZOR_LOG("vInputData.size:%d", static_cast<int>(vInputData.size()));
+
+    manager->SendData(vInputData, kSendReserved1, kSendReserved2);
+    if (!waitForResponse)
+        return ZOR_SUCCESS;
+
+    manager->WaitForDataAndProcess();
+    std::vector<unsigned char> receivedData;
+    manager->GetReceivedData(receivedData);
+    // The output buffer is taken to be as large as the input.
+    if (receivedData.size() <= length) {
+        if (!receivedData.empty())
+            std::memcpy(output, receivedData.data(), receivedData.size());
+        ZOR_LOG("receivedData.size:%d", static_cast<int>(receivedData.size()));
+        return ZOR_SUCCESS;
+    }
+    ZOR_LOG("Output buffer too small for received data");
+    return ZOR_ERROR_INVALID_VALUE;
+}
