@@ -1,0 +1,163 @@
+// The diagnostic log: where it goes, what a line looks like, and the pruning
+// of old files. The logger is set up once per process; every test here runs
+// as its own process under ctest.
+#include "support/log.h"
+
+#include "home_sandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr char kLogModule[] = "ZOR_focuser";
+
+std::set<std::string> entriesOf(const std::string &dir)
+{
+    std::set<std::string> names;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (dirent *e = readdir(d)) {
+            const std::string name = e->d_name;
+            if (name != "." && name != "..")
+                names.insert(name);
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+void touch(const std::string &path, time_t mtime)
+{
+    std::ofstream(path) << "old log\n";
+    const timeval times[2] = {{mtime, 0}, {mtime, 0}};
+    ASSERT_EQ(utimes(path.c_str(), times), 0) << path;
+}
+
+// Fills `dir` with log files whose modification times rise with their number.
+std::vector<std::string> oldLogFiles(const std::string &dir, int count)
+{
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "log_2020-01-01_00-00-%02d.txt", i);
+        touch(dir + "/" + name, 1600000000 + i * 60);
+        names.push_back(name);
+    }
+    return names;
+}
+
+TEST(Log, LinesCarryTimeLevelModuleLineAndFunction)
+{
+    InitLogger();
+    const std::string file = zor::currentLogFile();
+    ASSERT_EQ(file.rfind(zor_test::sandboxHome() + "/Library/Application Support/zor_sdk/log_", 0), 0u) << file;
+    EXPECT_TRUE(std::regex_search(file, std::regex(R"(/log_\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.txt$)"))) << file;
+
+    LogDebug("debug line", "Log", 7, "probe"); // written out by the next info line's flush
+    const int line = __LINE__ + 1;
+    ZOR_LOG("ID%d: %s", 0, "/dev/hidraw3");
+
+    const std::string text = zor_test::readFile(file);
+    const std::regex expected(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] \[info\] \[ZOR_focuser:)" +
+                              std::to_string(line) + R"( TestBody\] ID0: /dev/hidraw3\n)");
+    EXPECT_TRUE(std::regex_search(text, expected)) << text;
+    EXPECT_NE(text.find("] [debug] [Log:7 probe] debug line"), std::string::npos) << text;
+}
+
+TEST(Log, MessagesAreCutToTheirBuffer)
+{
+    InitLogger();
+    ZOR_LOG("%s", std::string(400, 'x').c_str());
+    const std::string text = zor_test::readFile(zor::currentLogFile());
+    EXPECT_NE(text.find(std::string(255, 'x') + "\n"), std::string::npos);
+    EXPECT_EQ(text.find(std::string(256, 'x')), std::string::npos);
+}
+
+TEST(Log, NothingIsWrittenBeforeSetUp)
+{
+    ZOR_LOG("too early %d", 1);
+    LogInfo("too early", "Log", 1, "probe");
+    EXPECT_TRUE(zor::currentLogFile().empty());
+    EXPECT_FALSE(entriesOf(zor_test::sandboxHome()).count("Library"));
+}
+
+TEST(Log, PruningKeepsTheNewestTwentyTextFiles)
+{
+    const std::string dir = zor_test::makeTempDir("logs");
+    std::vector<std::string> logs = oldLogFiles(dir, 24);
+    touch(dir + "/notes.txt.bak", 1500000000); // oldest of all, and counted
+    ASSERT_EQ(mkdir((dir + "/x.txt").c_str(), 0755), 0);
+    touch(dir + "/readme.md", 1400000000);
+
+    removeOldLogFiles(dir, 20);
+
+    const std::set<std::string> left = entriesOf(dir);
+    EXPECT_FALSE(left.count("notes.txt.bak"));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_FALSE(left.count(logs[i])) << logs[i];
+    for (int i = 4; i < 24; ++i)
+        EXPECT_TRUE(left.count(logs[i])) << logs[i];
+    EXPECT_TRUE(left.count("x.txt"));
+    EXPECT_TRUE(left.count("readme.md"));
+}
+
+TEST(Log, SetUpPrunesBeforeStartingANewFile)
+{
+    const std::string dir = zor_test::sandboxHome() + "/Library/Application Support/zor_sdk";
+    ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
+    const std::vector<std::string> logs = oldLogFiles(dir, 25);
+
+    InitLogger();
+
+    const std::set<std::string> left = entriesOf(dir);
+    EXPECT_EQ(left.size(), 21u);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_FALSE(left.count(logs[i])) << logs[i];
+    EXPECT_TRUE(left.count(logs[5]));
+}
+
+TEST(Log, WithoutHomeTheLogGoesToTheWorkingDirectory)
+{
+    const std::string dir = zor_test::makeTempDir("cwd");
+    ASSERT_EQ(chdir(dir.c_str()), 0);
+    unsetenv("HOME");
+
+    InitLogger();
+    ZOR_LOG("no home");
+
+    const std::string file = zor::currentLogFile();
+    EXPECT_EQ(file.rfind("./log_", 0), 0u) << file;
+    const std::set<std::string> names = entriesOf(dir);
+    ASSERT_EQ(names.size(), 1u);
+    EXPECT_NE(zor_test::readFile(dir + "/" + *names.begin()).find("no home"), std::string::npos);
+}
+
+TEST(Log, ConcurrentSetUpCreatesOneLogger)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([i] {
+            InitLogger();
+            ZOR_LOG("thread %d", i);
+        });
+    for (auto &t : threads)
+        t.join();
+
+    const std::string dir = zor_test::sandboxHome() + "/Library/Application Support/zor_sdk";
+    ASSERT_EQ(entriesOf(dir).size(), 1u);
+    const std::string text = zor_test::readFile(zor::currentLogFile());
+    for (int i = 0; i < 4; ++i)
+        EXPECT_NE(text.find("thread " + std::to_string(i)), std::string::npos);
+}
+
+} // namespace
