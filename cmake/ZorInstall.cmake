@@ -14,6 +14,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfigVersion.cmake
         DESTINATION ${ZOR_CMAKE_DIR})
 
+# The pkg-config file locates the prefix relative to itself, so an install
+# under another prefix (or a staging root) needs no edit.
+file(RELATIVE_PATH ZOR_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(packaging/ZORfocuser.pc.in ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuser.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuser.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

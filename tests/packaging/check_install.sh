@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs the build into a staging root, then builds one client with CMake's
+# find_package and one with pkg-config, and runs both.
+set -euo pipefail
+build_dir=$1 source_dir=$2 work=$3
+rm -rf "$work" && mkdir -p "$work"
+DESTDIR="$work/root" cmake --install "$build_dir" --prefix /opt/zor >/dev/null
+prefix="$work/root/opt/zor"
+libdir=$(dirname "$(find "$prefix" -name 'libZORfocuser.so' -o -name 'libZORfocuser.dylib' | head -n1)")
+
+test -f "$prefix/include/ZOR_focuser.h"
+grep -q 'idProduct}=="1f10"' "$work/root/etc/udev/rules.d/99-zor-focuser.rules"
+
+cmake -S "$source_dir/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/consumer" >/dev/null
+LD_LIBRARY_PATH="$libdir" "$work/consumer/consumer"
+
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+cc -std=c99 "$source_dir/consumer/main.c" -o "$work/pc_consumer" $(pkg-config --cflags --libs ZORfocuser)
+LD_LIBRARY_PATH="$libdir" "$work/pc_consumer"
+echo "install check passed"
