@@ -106,9 +106,36 @@ public:
     void SaveSetting();
 
 private:
+    static constexpr size_t kIoBufferBytes = 128;
+    static constexpr size_t kPathBytes = 256;
+    static constexpr unsigned char kReportIdOut = 0x03;
+    static constexpr unsigned char kReportIdIn = 0x01;
+    // Move state the device reports while it is in its error state.
+    static constexpr unsigned char kStateError = 6;
+    static constexpr uint8_t kFailuresBeforeReconnect = 4;
+    static constexpr uint8_t kMaxReconnects = 3;
+
     float CalculTempuature();
     bool isConnected() const;
     bool isBusy() const { return m_iEnabled == 1; }
+    // 2 when neither link is up, 5 while a move runs, else 0. Call with m_mutex held.
+    int checkCanChange();
+    void logHidError();
+    void parseStatus();
+    void storeStatusReply(const std::vector<unsigned char> &reply);
+    // One CMD_DEVICE exchange.
+    int bleDevice(std::vector<unsigned char> payload, bool waitForResponse, std::vector<unsigned char> &reply);
+    // One request with an answer. `request` is the USB report (ID byte
+    // first); over Bluetooth it goes without the ID byte, and with
+    // `checkStatus` an answer whose status byte is not 0 gives 50. The answer
+    // lands in `reply` (kIoBufferBytes) with the byte positions of a USB
+    // reply, data from byte 4; `replyLen` is how many bytes arrived.
+    int query(const unsigned char *request, size_t len, bool ble, bool checkStatus, unsigned char *reply,
+              size_t &replyLen);
+    int query(unsigned char group, unsigned char code, bool ble, unsigned char *reply, size_t &replyLen);
+    bool featureSupported(int id) const;
+    template <typename Out, typename Member> int readParam(Out *out, const Member &member, bool ble);
+    void applyFirmwareReply(const unsigned char *reply);
 
     hid_device *m_hDev = nullptr;
     std::recursive_mutex m_mutex;
