@@ -1,0 +1,467 @@
+#include "device/zor.h"
+
+#include "home_sandbox.h"
+#include "log_lines.h"
+#include "scripted_transport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+using zor_test::Bytes;
+using zor_test::corrupted;
+using zor_test::notificationFrame;
+using zor_test::responseFrame;
+using zor_test::ScriptedTransport;
+using zor_test::sequenceOf;
+
+class CZORTestAccess {
+public:
+    static std::mutex &bleMutex(CZOR &device) { return device.m_bleMutex; }
+};
+
+namespace {
+
+const Bytes kGetParams{0x7E, 0x5A, 0x02, 0x03};
+
+std::mutex g_pairCodesMutex;
+std::vector<int> g_pairCodes;
+
+void recordPairState(ZOR_ERROR_CODE code)
+{
+    std::lock_guard<std::mutex> lock(g_pairCodesMutex);
+    g_pairCodes.push_back(code);
+}
+
+std::vector<int> pairCodes()
+{
+    std::lock_guard<std::mutex> lock(g_pairCodesMutex);
+    return g_pairCodes;
+}
+
+// Answers every request with the frames `make` builds from its sequence.
+ScriptedTransport::Responder answer(std::function<std::vector<Bytes>(uint8_t)> make)
+{
+    return [make](const Bytes &sent) { return make(sequenceOf(sent)); };
+}
+
+bool lockIsFree(CZOR &device)
+{
+    std::mutex &mutex = CZORTestAccess::bleMutex(device);
+    if (!mutex.try_lock())
+        return false;
+    mutex.unlock();
+    return true;
+}
+
+class BleExchange : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        zor_test::sandboxHome();
+        device = std::make_unique<CZOR>();
+        transport = attach(*device);
+        {
+            std::lock_guard<std::mutex> lock(g_pairCodesMutex);
+            g_pairCodes.clear();
+        }
+        device->setPairStateCallback(recordPairState);
+    }
+
+    static ScriptedTransport *attach(CZOR &target)
+    {
+        auto owned = std::make_unique<ScriptedTransport>();
+        ScriptedTransport *raw = owned.get();
+        target.setBleManager(std::move(owned));
+        return raw;
+    }
+
+    int request(Bytes &response, bool wait = true, const Bytes &payload = kGetParams)
+    {
+        return device->bleSendData(BLEProtocol::CMD_DEVICE, payload, wait, response);
+    }
+
+    // Sends requests that want no answer until the next one will carry `next`.
+    void advanceSequenceTo(uint8_t next)
+    {
+        Bytes unused;
+        do
+            ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
+        while (static_cast<uint8_t>(sequenceOf(transport->sent().back()) + 1) != next);
+    }
+
+    std::vector<std::string> exchangeLog() const { return log.messages("ZOR", "bleSendData"); }
+
+    std::unique_ptr<CZOR> device;
+    ScriptedTransport *transport = nullptr;
+    zor_test::LogLines log;
+};
+
+} // namespace
+
+TEST_F(BleExchange, RequestWithoutAnswerIsFramedSentAndNotWaitedFor)
+{
+    transport->queueFrame(responseFrame(0, 0));
+    Bytes response{0xEE};
+    ASSERT_EQ(request(response, false), ZOR_SUCCESS);
+
+    ASSERT_EQ(transport->sent().size(), 1u);
+    const uint8_t seq = sequenceOf(transport->sent()[0]);
+    EXPECT_EQ(transport->sent()[0], zor_test::withChecksum({0x00, 0x04, seq, 0x02, 0x7E, 0x5A, 0x02, 0x03, 0, 0, 0, 0}));
+    EXPECT_EQ(transport->sendArguments(), (std::vector<std::pair<uint32_t, uint32_t>>{{3, 0}}));
+    EXPECT_EQ(transport->isReadCalls(), std::vector<bool>{false});
+    EXPECT_EQ(transport->waitCalls(), 0);
+    EXPECT_EQ(transport->receiveCalls(), 0);
+    EXPECT_EQ(response, Bytes{0xEE});
+    EXPECT_EQ(exchangeLog(), std::vector<std::string>{"input:02, 03, iCommandId:" + std::to_string(seq)});
+}
+
+TEST_F(BleExchange, RefusedSendAndFailedWaitLeaveResponseAlone)
+{
+    transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0)}; }));
+    Bytes response{0xEE};
+
+    transport->setSendAccepted(false);
+    EXPECT_EQ(request(response), ZOR_ERROR_BLE_SEND);
+    EXPECT_EQ(transport->waitCalls(), 0);
+    EXPECT_EQ(transport->isReadCalls(), std::vector<bool>{true});
+
+    transport->setSendAccepted(true);
+    transport->scriptWaits({false});
+    EXPECT_EQ(request(response), ZOR_ERROR_BLE_TIMEOUT);
+    EXPECT_EQ(transport->waitCalls(), 1);
+    EXPECT_EQ(transport->receiveCalls(), 0);
+    EXPECT_EQ(response, Bytes{0xEE});
+}
+
+TEST_F(BleExchange, NormalAnswerIsVerifiedAndReturnedWithoutTypeAndChecksum)
+{
+    transport->setResponder(
+        answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0, {0xA1, 0xA2, 0xA3, 0x10})}; }));
+    Bytes response;
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    const uint8_t seq = sequenceOf(transport->sent().back());
+    EXPECT_EQ(response, (Bytes{0x04, seq, 0x00, 0xA1, 0xA2, 0xA3, 0x10}));
+    EXPECT_EQ(exchangeLog().back(), "decodeResponse ret:0");
+
+    transport->setResponder(
+        answer([](uint8_t seq) { return std::vector<Bytes>{corrupted(responseFrame(seq, 0, {0x01}))}; }));
+    Bytes untouched{0xEE};
+    EXPECT_EQ(request(untouched), ZOR_ERROR_BLE_RESPONSE);
+    EXPECT_EQ(untouched, Bytes{0xEE});
+    EXPECT_EQ(exchangeLog().back(), "decodeResponse ret:-1");
+}
+
+TEST_F(BleExchange, OtherStatusesAndFrameTypesPassUnchecked)
+{
+    // Status 0x05 with a wrong checksum: accepted, checksum byte kept.
+    Bytes answer5;
+    transport->setResponder(answer([&answer5](uint8_t seq) {
+        answer5 = corrupted(responseFrame(seq, 0x05, {0x31, 0x32, 0x33}));
+        return std::vector<Bytes>{answer5};
+    }));
+    Bytes response;
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(response, Bytes(answer5.begin() + 1, answer5.end()));
+
+    // A frame of an unknown type with the right sequence is handed over as it
+    // is, even when too short to hold a status.
+    transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{Bytes{0x07, 0x00, seq}}; }));
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(response, (Bytes{0x00, sequenceOf(transport->sent().back())}));
+}
+
+TEST_F(BleExchange, StaleAnswerIsLoggedAndDropped)
+{
+    advanceSequenceTo(8);
+    transport->queueFrames({responseFrame(7, 0, {1, 1, 1, 7}), responseFrame(8, 0, {2, 2, 2, 8})});
+    Bytes response;
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(response, (Bytes{0x04, 8, 0x00, 2, 2, 2, 8}));
+    EXPECT_EQ(transport->waitCalls(), 2);
+    const auto lines = exchangeLog();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         "Received outdated response, expected command ID: 8, but got: 7, discarding and waiting "
+                         "for next response..."),
+              1);
+}
+
+TEST_F(BleExchange, NotificationsOtherThanPairingAreSkippedBadOnesFail)
+{
+    transport->setResponder(answer([](uint8_t seq) {
+        return std::vector<Bytes>{notificationFrame(0x07, {0x01}), responseFrame(seq, 0, {9, 9, 9})};
+    }));
+    Bytes response;
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(response.back(), 9);
+    EXPECT_TRUE(pairCodes().empty());
+
+    transport->setResponder(answer([](uint8_t seq) {
+        return std::vector<Bytes>{corrupted(notificationFrame(0x00)), responseFrame(seq, 0)};
+    }));
+    Bytes untouched{0xEE};
+    EXPECT_EQ(request(untouched), ZOR_ERROR_BLE_RESPONSE);
+    EXPECT_EQ(untouched, Bytes{0xEE});
+    EXPECT_TRUE(pairCodes().empty());
+    const auto lines = exchangeLog();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "bleSendData recv Notification data"), 2);
+    EXPECT_EQ(lines.back(), "decodeNotification ret:-1");
+}
+
+TEST_F(BleExchange, PairingNotificationsEndTheRequest)
+{
+    const auto pairingThenAnswer = [](uint8_t status) {
+        return answer([status](uint8_t seq) {
+            return std::vector<Bytes>{notificationFrame(status), responseFrame(seq, 0, {5, 5, 5})};
+        });
+    };
+    Bytes response{0xEE};
+    transport->setResponder(pairingThenAnswer(0x01));
+    EXPECT_EQ(request(response), ZOR_ERROR_BLE_PAIR_REJECTED);
+    EXPECT_EQ(pairCodes(), std::vector<int>{ZOR_ERROR_BLE_PAIR_REJECTED});
+    EXPECT_EQ(transport->framesQueued(), 1u);
+
+    transport->setResponder(pairingThenAnswer(0x00));
+    EXPECT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(pairCodes(), (std::vector<int>{ZOR_ERROR_BLE_PAIR_REJECTED, ZOR_SUCCESS}));
+    EXPECT_EQ(response, Bytes{0xEE});
+
+    // Without a registered callback the outcome is the same.
+    device->setPairStateCallback(nullptr);
+    transport->setResponder(pairingThenAnswer(0x01));
+    EXPECT_EQ(request(response), ZOR_ERROR_BLE_PAIR_REJECTED);
+    EXPECT_EQ(pairCodes().size(), 2u);
+}
+
+TEST_F(BleExchange, NewConnectionToleratesTwelveFailedWaits)
+{
+    transport->setResponder(
+        answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, BLEProtocol::STATUS_NEW_CONNECTION)}; }));
+    Bytes response{0xEE};
+    EXPECT_EQ(request(response), ZOR_ERROR_BLE_TIMEOUT);
+    EXPECT_EQ(pairCodes(), std::vector<int>{ZOR_ERROR_BLE_NEW_CONNECTION});
+    EXPECT_EQ(transport->waitCalls(), 14);
+    EXPECT_EQ(response, Bytes{0xEE});
+
+    std::vector<std::string> expected{"This is a new connection."};
+    for (int i = 1; i <= 12; ++i)
+        expected.push_back("This is bIsNewConnect, iWaitNums" + std::to_string(i));
+    auto lines = exchangeLog();
+    lines.erase(lines.begin(), std::find(lines.begin(), lines.end(), expected.front()));
+    EXPECT_EQ(lines, expected);
+}
+
+TEST_F(BleExchange, NewConnectionWaitsAreCountedOverTheWholeExchange)
+{
+    // The real answer after three empty waits.
+    transport->setResponder(answer([](uint8_t seq) {
+        return std::vector<Bytes>{responseFrame(seq, BLEProtocol::STATUS_NEW_CONNECTION), responseFrame(seq, 0, {7})};
+    }));
+    transport->scriptWaits({true, false, false, false});
+    Bytes response;
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(response.back(), 7);
+    EXPECT_EQ(transport->waitCalls(), 5);
+
+    // Five empty waits, a stale answer, then the count goes on from six: the
+    // thirteenth empty wait overall ends the exchange.
+    transport->setResponder(answer([](uint8_t seq) {
+        return std::vector<Bytes>{responseFrame(seq, BLEProtocol::STATUS_NEW_CONNECTION),
+                                  responseFrame(static_cast<uint8_t>(seq - 1), 0)};
+    }));
+    transport->scriptWaits({true, false, false, false, false, false});
+    EXPECT_EQ(request(response), ZOR_ERROR_BLE_TIMEOUT);
+    EXPECT_EQ(transport->waitCalls(), 5 + 1 + 5 + 1 + 8);
+    EXPECT_EQ(pairCodes().size(), 2u);
+}
+
+TEST_F(BleExchange, SequenceWrapsAfter255AndStillMatches)
+{
+    Bytes unused;
+    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
+    const uint8_t first = sequenceOf(transport->sent().back());
+    for (int i = 0; i < 256; ++i)
+        ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
+    const auto sent = transport->sent();
+    for (size_t i = 1; i < sent.size(); ++i)
+        ASSERT_EQ(sequenceOf(sent[i]), static_cast<uint8_t>(sequenceOf(sent[i - 1]) + 1));
+    EXPECT_EQ(sequenceOf(sent.back()), first);
+
+    advanceSequenceTo(255);
+    transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0, {seq})}; }));
+    Bytes response;
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(response.back(), 255);
+    ASSERT_EQ(request(response), ZOR_SUCCESS);
+    EXPECT_EQ(sequenceOf(transport->sent().back()), 0);
+    EXPECT_EQ(response.back(), 0);
+}
+
+TEST_F(BleExchange, OutOfRangeErrorsReleaseTheLock)
+{
+    Bytes response;
+    EXPECT_THROW(request(response, true, {0x7E, 0x5A, 0x02}), std::out_of_range);
+    EXPECT_TRUE(transport->sent().empty());
+    EXPECT_TRUE(lockIsFree(*device));
+
+    // An empty frame, a response too short for its sequence, a notification
+    // that has no status left once its checksum is gone.
+    for (const Bytes &frame : {Bytes{}, Bytes{0x01, 0x00}, Bytes{0x02, 0x00, 0x00, 0x02}}) {
+        transport->queueFrame(frame);
+        EXPECT_THROW(request(response), std::out_of_range);
+        EXPECT_TRUE(lockIsFree(*device));
+    }
+
+    transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0)}; }));
+    EXPECT_EQ(request(response), ZOR_SUCCESS);
+}
+
+TEST_F(BleExchange, CounterIsSharedByAllDevices)
+{
+    CZOR other;
+    ScriptedTransport *otherTransport = attach(other);
+    Bytes unused;
+    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
+    ASSERT_EQ(other.bleSendData(BLEProtocol::CMD_DEVICE, kGetParams, false, unused), ZOR_SUCCESS);
+    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
+    const uint8_t first = sequenceOf(transport->sent()[0]);
+    EXPECT_EQ(sequenceOf(otherTransport->sent()[0]), static_cast<uint8_t>(first + 1));
+    EXPECT_EQ(sequenceOf(transport->sent()[1]), static_cast<uint8_t>(first + 2));
+}
+
+namespace {
+
+// Notes every send that begins while another request still awaits its answer.
+class OverlapCheckingTransport : public ScriptedTransport {
+public:
+    bool SendData(const std::vector<unsigned char> &data, uint32_t reserved1, uint32_t reserved2) override
+    {
+        if (m_inFlight.exchange(true))
+            ++overlaps;
+        for (int i = 0; i < 20; ++i)
+            std::this_thread::yield();
+        return ScriptedTransport::SendData(data, reserved1, reserved2);
+    }
+    void GetReceivedData(std::vector<unsigned char> &data) override
+    {
+        ScriptedTransport::GetReceivedData(data);
+        m_inFlight = false;
+    }
+    std::atomic<int> overlaps{0};
+
+private:
+    std::atomic<bool> m_inFlight{false};
+};
+
+} // namespace
+
+TEST_F(BleExchange, ConcurrentCallersAreSerialisedAndGetTheirOwnAnswers)
+{
+    auto owned = std::make_unique<OverlapCheckingTransport>();
+    OverlapCheckingTransport *checking = owned.get();
+    device->setBleManager(std::move(owned));
+    // The answer echoes the request's two command bytes.
+    checking->setResponder([](const Bytes &sent) {
+        return std::vector<Bytes>{responseFrame(sequenceOf(sent), 0, {0, 0, 0, sent.at(6), sent.at(7)})};
+    });
+
+    constexpr int kThreads = 4;
+    constexpr int kRequests = 60;
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRequests; ++i) {
+                Bytes response;
+                const Bytes payload{0x7E, 0x5A, static_cast<unsigned char>(t), static_cast<unsigned char>(i)};
+                if (device->bleSendData(BLEProtocol::CMD_DEVICE, payload, true, response) != ZOR_SUCCESS ||
+                    response.size() != 8 || response[6] != t || response[7] != i)
+                    ++mismatches;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    EXPECT_EQ(checking->overlaps.load(), 0);
+    EXPECT_EQ(checking->sent().size(), static_cast<size_t>(kThreads * kRequests));
+}
+
+TEST_F(BleExchange, ConcurrentDevicesNeverShareASequenceNumber)
+{
+    CZOR other;
+    ScriptedTransport *otherTransport = attach(other);
+    constexpr int kRequests = 60;
+    std::vector<std::thread> threads;
+    for (CZOR *target : {device.get(), &other, device.get(), &other}) {
+        threads.emplace_back([target] {
+            Bytes unused;
+            for (int i = 0; i < kRequests; ++i)
+                target->bleSendData(BLEProtocol::CMD_DEVICE, kGetParams, false, unused);
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    std::set<uint8_t> seen;
+    for (ScriptedTransport *t : {transport, otherTransport}) {
+        for (const Bytes &frame : t->sent())
+            seen.insert(sequenceOf(frame));
+    }
+    EXPECT_EQ(seen.size(), 4u * kRequests);
+}
+
+TEST_F(BleExchange, RawPassThroughSendsUnframedAndCopiesAnswersThatFit)
+{
+    char input[] = {'A', 'B', 'C', 'D'};
+    char output[8];
+    std::memset(output, 0x55, sizeof output);
+
+    // The send's result is not looked at; nothing is read without a wait.
+    transport->setSendAccepted(false);
+    EXPECT_EQ(device->BLESendData(2, input, 4, false, output), ZOR_SUCCESS);
+    EXPECT_EQ(transport->sent(), std::vector<Bytes>{Bytes({'A', 'B', 'C', 'D'})});
+    EXPECT_EQ(transport->sendArguments().back(), (std::pair<uint32_t, uint32_t>{3, 0}));
+    EXPECT_EQ(transport->waitCalls(), 0);
+    EXPECT_TRUE(transport->isReadCalls().empty());
+
+    transport->setSendAccepted(true);
+    transport->queueFrame({1, 2, 3, 4});
+    EXPECT_EQ(device->BLESendData(2, input, 4, true, output), ZOR_SUCCESS);
+    EXPECT_EQ(Bytes(output, output + 8), (Bytes{1, 2, 3, 4, 0x55, 0x55, 0x55, 0x55}));
+
+    transport->queueFrame({9, 9, 9, 9, 9});
+    EXPECT_EQ(device->BLESendData(2, input, 4, true, output), ZOR_ERROR_INVALID_VALUE);
+    EXPECT_EQ(output[0], 1);
+
+    // A failed wait is not looked at either: the last stored answer is used.
+    transport->scriptWaits({false});
+    std::memset(output, 0x55, sizeof output);
+    EXPECT_EQ(device->BLESendData(2, input, 4, true, output), ZOR_ERROR_INVALID_VALUE);
+    transport->queueFrame({6});
+    transport->scriptWaits({true});
+    EXPECT_EQ(device->BLESendData(2, input, 2, true, output), ZOR_SUCCESS);
+    EXPECT_EQ(output[0], 6);
+    EXPECT_EQ(output[1], 0x55);
+
+    EXPECT_EQ(log.messages("ZOR", "BLESendData"),
+              (std::vector<std::string>{"vInputData.size:4", "vInputData.size:4", "receivedData.size:4",
+                                        "vInputData.size:4", "Output buffer too small for received data",
+                                        "vInputData.size:4", "Output buffer too small for received data",
+                                        "vInputData.size:2", "receivedData.size:1"}));
+}
+
+TEST(BleExchangeWithoutTransport, ReportsNotConnected)
+{
+    zor_test::sandboxHome();
+    CZOR device;
+    Bytes response;
+    EXPECT_EQ(device.bleSendData(BLEProtocol::CMD_DEVICE, kGetParams, true, response), ZOR_ERROR_BLE_NOT_CONNECTED);
+    char input[] = {1, 2, 3, 4};
+    EXPECT_EQ(device.BLESendData(2, input, 4, false, input), ZOR_ERROR_BLE_NOT_CONNECTED);
+}
