@@ -30,15 +30,6 @@ int hid_send_output_report(hid_device *dev, const unsigned char *data, size_t le
 
 using namespace zorsim;
 
-struct hid_device_ {
-    VirtualDevice *device;
-    uint64_t connection; // the device's connection this handle was opened on
-    std::atomic<const wchar_t *> error;
-    std::atomic<const wchar_t *> readError;
-    bool nonblocking = false;
-    hid_device_info *info = nullptr;
-};
-
 namespace {
 
 constexpr const wchar_t *kManufacturer = L"ZOR";
@@ -102,7 +93,10 @@ void freeInfo(hid_device_info *info)
 bool matches(unsigned short want, unsigned short have) { return want == 0 || want == have; }
 
 // The handle is usable: open, and its device has not left the bus since.
-bool alive(const hid_device *h) { return h->device->plugged && h->connection == h->device->connection; }
+bool alive(const hid_device *h)
+{
+    return h->device && h->device->plugged && h->connection == h->device->connection;
+}
 
 int failWith(hid_device *h, const char *what, int code, int error)
 {
@@ -132,6 +126,8 @@ int featureTransfer(hid_device *h, bool send, unsigned char *data, size_t length
             ++r.invalidUses;
             return -1;
         }
+        if (!h->device)
+            return failWith(h, what, -1, ENODEV);
         VirtualDevice &d = *h->device;
         int result = 0;
         if (!alive(h))
@@ -159,6 +155,8 @@ int featureTransfer(hid_device *h, bool send, unsigned char *data, size_t length
         ++r.invalidUses;
         return -1;
     }
+    if (!h->device)
+        return failWith(h, what, -1, ENODEV);
     VirtualDevice &d = *h->device;
     int result;
     if (!alive(h)) {
@@ -351,7 +349,8 @@ void hid_close(hid_device *dev)
         return;
     }
     r.removeHandle(dev);
-    --dev->device->handles;
+    if (dev->device)
+        --dev->device->handles;
     freeInfo(dev->info);
     delete dev;
 }

@@ -76,6 +76,8 @@ int Registry::add(const DeviceConfig &config)
 
 void Registry::clear()
 {
+    for (hid_device_ *h : handles_)
+        h->device = nullptr;
     devices_.clear();
     useManualClock(false);
     invalidUses = 0;

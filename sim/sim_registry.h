@@ -19,6 +19,20 @@
 #include <vector>
 
 namespace zorsim {
+struct VirtualDevice;
+}
+
+// An open handle. `device` is null once reset() removed its device.
+struct hid_device_ {
+    zorsim::VirtualDevice *device = nullptr;
+    uint64_t connection = 0; // the device's connection this handle was opened on
+    std::atomic<const wchar_t *> error{nullptr};
+    std::atomic<const wchar_t *> readError{nullptr};
+    bool nonblocking = false;
+    struct hid_device_info *info = nullptr;
+};
+
+namespace zorsim {
 
 constexpr int kReplyReportBytes = 17; // report ID 01 and the reply record
 constexpr uint8_t kRequestReportId = 0x03;
@@ -77,9 +91,9 @@ class Registry {
     void restart(VirtualDevice &d);
 
     // Handles are registered while open so that a stale one is recognised.
-    void addHandle(const void *h) { handles_.insert(h); }
-    void removeHandle(const void *h) { handles_.erase(h); }
-    bool isHandle(const void *h) const { return h && handles_.count(h) != 0; }
+    void addHandle(hid_device_ *h) { handles_.insert(h); }
+    void removeHandle(hid_device_ *h) { handles_.erase(h); }
+    bool isHandle(const hid_device_ *h) const { return h && handles_.count(const_cast<hid_device_ *>(h)) != 0; }
     int invalidUses = 0;
 
     // Set when ZOR_SIM could not be read; hid_init then fails with it.
@@ -88,7 +102,7 @@ class Registry {
   private:
     Registry();
     std::vector<std::unique_ptr<VirtualDevice>> devices_;
-    std::set<const void *> handles_;
+    std::set<hid_device_ *> handles_;
     WallClock wallClock_;
     ManualClock manualClock_;
     Nanos wallOffset_{0};
