@@ -120,7 +120,8 @@ private:
     bool isBusy() const { return m_iEnabled == 1; }
     // 2 when neither link is up, 5 while a move runs, else 0. Call with m_mutex held.
     int checkCanChange();
-    void logHidError();
+    // hid_error of the handle as multibyte text, at most 239 characters.
+    std::string hidErrorText();
     void parseStatus();
     void storeStatusReply(const std::vector<unsigned char> &reply);
     // One CMD_DEVICE exchange.

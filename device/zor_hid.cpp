@@ -14,7 +14,7 @@ constexpr char kLogModule[] = "ZOR";
 constexpr size_t kHidErrorChars = 240;
 } // namespace
 
-void CZOR::logHidError()
+std::string CZOR::hidErrorText()
 {
     char text[kHidErrorChars] = {};
     const wchar_t *error = hid_error(m_hDev);
@@ -23,7 +23,7 @@ void CZOR::logHidError()
         if (n == static_cast<size_t>(-1))
             text[0] = '\0';
     }
-    ZOR_LOG("HID Err: %s", text);
+    return text;
 }
 
 int CZOR::sendCMD(unsigned char *cmd, int len, bool needReply, unsigned char *reply)
@@ -55,7 +55,7 @@ int CZOR::handleReportErr(int result)
         m_cReconnectCount = 0;
         return ZOR_SUCCESS;
     }
-    logHidError();
+    ZOR_LOG("HID Err: %s", hidErrorText().c_str());
     if (result == -1)
         return ZOR_ERROR_REMOVED;
     HIDUpdateStatus(true);

@@ -364,7 +364,8 @@ int CZOR::setBLEName(char *name, int len, bool ble)
         std::vector<unsigned char> reply;
         result = bleDevice(std::vector<unsigned char>(request + 1, request + 5 + len), false, reply);
     } else {
-        result = sendCMD(request, 5 + len, false, nullptr);
+        // The whole request goes, so zeros follow the name in the report.
+        result = sendCMD(request, sizeof request, false, nullptr);
     }
     if (result != ZOR_SUCCESS)
         ZOR_LOG("set zor ble name failed. err:%d", result);

@@ -122,7 +122,7 @@ int CZOR::clearError()
         return handleReportErr(result);
     }
     ZOR_LOG("response error [1-3]: %02x %02x %02x", pszInBuf[1], pszInBuf[2], pszInBuf[3]);
-    logHidError();
+    ZOR_LOG("HID Err: %s", hidErrorText().c_str());
     HIDUpdateStatus(true);
     return ZOR_ERROR_GENERAL_ERROR;
 }
