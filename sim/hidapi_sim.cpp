@@ -107,6 +107,8 @@ int failWith(hid_device *h, const char *what, int code, int error)
 void record(VirtualDevice &d, Transfer::Kind kind, const unsigned char *data, size_t length, int result)
 {
     const size_t n = kind == Transfer::GetFeature ? (result > 0 ? static_cast<size_t>(result) : 0) : length;
+    if (d.log.size() == kTransferLogLength)
+        d.log.pop_front();
     d.log.push_back(Transfer{kind, std::vector<uint8_t>(data, data + (data ? n : 0)), result});
 }
 

@@ -30,7 +30,7 @@ ZORSIM_API void reset();
 ZORSIM_API int addDevice(const DeviceConfig &config = DeviceConfig());
 // Adds the devices a ZOR_SIM description names; returns the first one's number.
 ZORSIM_API int addDevices(const std::string &description);
-// Reads a ZOR_SIM description (see sim/README.md); throws std::invalid_argument.
+// Reads a ZOR_SIM description (syntax in sim_description.cpp); throws std::invalid_argument.
 ZORSIM_API std::vector<DeviceConfig> parseDescription(const std::string &description);
 ZORSIM_API int deviceCount();
 ZORSIM_API std::string devicePath(int device);
@@ -78,7 +78,8 @@ struct Transfer {
     std::vector<uint8_t> bytes; // as sent, or as handed back (cut to the result)
     int result;                 // what the hidapi call returned
 };
-// Every feature-report call made on the device's handles, in order.
+// Every feature-report call made on the device's handles, in order (the
+// most recent 65536 of them).
 ZORSIM_API std::vector<Transfer> transfers(int device);
 // The requests that reached the firmware (report ID first), in order.
 ZORSIM_API std::vector<std::vector<uint8_t>> receivedReports(int device);

@@ -278,7 +278,8 @@ void setFirmwareAfterUpdate(int device, int version)
 
 std::vector<Transfer> transfers(int device)
 {
-    return onDevice(device, [](Registry &, VirtualDevice &d) { return d.log; });
+    return onDevice(device,
+                    [](Registry &, VirtualDevice &d) { return std::vector<Transfer>(d.log.begin(), d.log.end()); });
 }
 
 std::vector<std::vector<uint8_t>> receivedReports(int device)

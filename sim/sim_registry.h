@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -37,6 +38,7 @@ namespace zorsim {
 constexpr int kReplyReportBytes = 17; // report ID 01 and the reply record
 constexpr uint8_t kRequestReportId = 0x03;
 constexpr uint8_t kReplyReportId = 0x01;
+constexpr std::size_t kTransferLogLength = 65536;
 
 struct Fault {
     int count = 0;
@@ -63,7 +65,7 @@ struct VirtualDevice {
     bool stalled = false;
     std::chrono::microseconds latency{0};
 
-    std::vector<Transfer> log;
+    std::deque<Transfer> log; // the most recent kTransferLogLength transfers
     int handles = 0;
 };
 
