@@ -201,7 +201,7 @@ TEST_F(Firmware, ErrorStateRefusesMovesUntilCleared)
     EXPECT_EQ(zorsim::state(0).position, 33000);
 }
 
-TEST_F(Firmware, SerialIsPlainOnModelsAndNibblePackedOnOldFirmware)
+TEST_F(Firmware, IdentityCommands)
 {
     DeviceConfig pro;
     pro.serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
@@ -214,8 +214,16 @@ TEST_F(Firmware, SerialIsPlainOnModelsAndNibblePackedOnOldFirmware)
     old.firmware = 321;
     zorsim::addDevice(old);
 
-    Report r = ask(open(0), 0x0C);
+    hid_device *h = open(0);
+    Report r = ask(h, 0x0C);
     EXPECT_TRUE(std::equal(pro.serial.begin(), pro.serial.end(), r.begin() + 4));
+    EXPECT_EQ(ask(h, 0x0D)[4], 0);
+    send(h, {0x0D, 'd', 'o', 'm', 'e', '1', 0, 0, 0});
+    r = ask(h, 0x0D);
+    EXPECT_EQ(r[3], 0x0D);
+    EXPECT_STREQ(reinterpret_cast<const char *>(&r[4]), "dome1");
+
+    // Firmware without a model string packs the serial number into nibbles.
 
     r = ask(open(1), 0x0C, 16);
     const uint8_t unpacked[8] = {
@@ -226,20 +234,9 @@ TEST_F(Firmware, SerialIsPlainOnModelsAndNibblePackedOnOldFirmware)
     EXPECT_TRUE(std::equal(pro.serial.begin(), pro.serial.end(), unpacked));
 
     // Below 322 the query is unknown and the previous reply stays.
-    hid_device *h = open(2);
+    h = open(2);
     Report fw = ask(h, 0x04, 16);
     EXPECT_EQ(ask(h, 0x0C, 16), fw);
-}
-
-TEST_F(Firmware, AliasIsStoredAndReadBack)
-{
-    zorsim::addDevice();
-    hid_device *h = open(0);
-    EXPECT_EQ(ask(h, 0x0D)[4], 0);
-    send(h, {0x0D, 'd', 'o', 'm', 'e', '1', 0, 0, 0});
-    Report r = ask(h, 0x0D);
-    EXPECT_EQ(r[3], 0x0D);
-    EXPECT_STREQ(reinterpret_cast<const char *>(&r[4]), "dome1");
 }
 
 TEST_F(Firmware, ProAnswersLedBluetoothNameBatteryAndPowerOffReason)

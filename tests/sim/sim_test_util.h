@@ -84,19 +84,9 @@ class SimTest : public ::testing::Test {
     static std::vector<uint8_t> control(uint8_t enabled, long step, uint8_t reset = 0, long maxStep = 0,
                                         uint8_t backlash = 0, uint8_t flags = 0)
     {
-        return {0x03,
-                enabled,
-                backlash,
-                static_cast<uint8_t>(maxStep >> 16),
-                static_cast<uint8_t>(step >> 16),
-                static_cast<uint8_t>(step >> 8),
-                static_cast<uint8_t>(step),
-                reset,
-                0,
-                0,
-                flags,
-                static_cast<uint8_t>(maxStep >> 8),
-                static_cast<uint8_t>(maxStep)};
+        auto b = [](long v, int shift) { return static_cast<uint8_t>(v >> shift); };
+        return {0x03, enabled, backlash, b(maxStep, 16), b(step, 16), b(step, 8),   b(step, 0),
+                reset, 0,       0,        flags,          b(maxStep, 8), b(maxStep, 0)};
     }
     static int word(const Report &r, int at) { return r[at] << 8 | r[at + 1]; }
 
