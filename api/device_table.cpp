@@ -1,0 +1,54 @@
+#include "api/device_table.h"
+
+#include <chrono>
+#include <thread>
+
+char DevPathScan[ZOR_MAX_NUM][kPathBytes];
+int iConnectedZOR;
+char DevPathArray[ZOR_MAX_NUM][kPathBytes];
+std::atomic<CZOR *> pZOR[ZOR_MAX_NUM];
+LockRecord MutexCamPt[ZOR_MAX_NUM];
+int g_BleStartId = ZOR_BLE_ID_BASE;
+
+int InitCriSecZOR(S_MUTEX_UNIX *m)
+{
+    if (int rc = pthread_mutexattr_init(&m->attr))
+        return rc;
+    if (int rc = pthread_mutexattr_settype(&m->attr, PTHREAD_MUTEX_RECURSIVE))
+        return rc;
+    return pthread_mutex_init(&m->mutex, &m->attr);
+}
+
+int DelCriSecZOR(S_MUTEX_UNIX *m)
+{
+    if (int rc = pthread_mutex_destroy(&m->mutex))
+        return rc;
+    return pthread_mutexattr_destroy(&m->attr);
+}
+
+void initLockRecord(LockRecord &record)
+{
+    for (int f = 0; f < kLockFamilies; ++f) {
+        InitCriSecZOR(&record.Mutex[f]);
+        record.Busy[f] = false;
+    }
+    record.Initialised = true;
+}
+
+void lockAllFamilies(LockRecord &record)
+{
+    for (int f = 0; f < kLockFamilies; ++f)
+        pthread_mutex_lock(&record.Mutex[f].mutex);
+}
+
+void releaseAndDestroyFamilies(LockRecord &record)
+{
+    for (int f = 0; f < kLockFamilies; ++f) {
+        pthread_mutex_unlock(&record.Mutex[f].mutex);
+        while (record.Busy[f]) {
+            ZORDbgPrint(__func__, "Slp\n");
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        DelCriSecZOR(&record.Mutex[f]);
+    }
+}

@@ -1,0 +1,48 @@
+// Process-wide tables behind the exported interface: device paths by USB ID,
+// device objects by ID (USB and Bluetooth share one table), and one lock
+// record per USB ID with a lock for each family of operations.
+#pragma once
+
+#include "ZOR_focuser.h"
+
+#include <atomic>
+#include <pthread.h>
+
+class CZOR;
+
+constexpr int kPathBytes = 256;
+constexpr int kLockFamilies = 64;
+
+// A recursive pthread mutex and the attribute it was made with.
+struct S_MUTEX_UNIX {
+    pthread_mutex_t mutex;
+    pthread_mutexattr_t attr;
+};
+
+int InitCriSecZOR(S_MUTEX_UNIX *m);
+int DelCriSecZOR(S_MUTEX_UNIX *m);
+
+struct LockRecord {
+    S_MUTEX_UNIX Mutex[kLockFamilies];
+    // Busy[f] is set from just before a caller tries to take lock f until
+    // just after it released it; ZORClose waits for it to clear.
+    std::atomic<bool> Busy[kLockFamilies];
+    std::atomic<bool> Initialised;
+};
+
+extern char DevPathScan[ZOR_MAX_NUM][kPathBytes];
+extern int iConnectedZOR;
+extern char DevPathArray[ZOR_MAX_NUM][kPathBytes];
+extern std::atomic<CZOR *> pZOR[ZOR_MAX_NUM];
+extern LockRecord MutexCamPt[ZOR_MAX_NUM];
+extern int g_BleStartId;
+
+inline bool isTableId(int id) { return id >= 0 && id < ZOR_MAX_NUM; }
+inline bool hasPath(int id) { return isTableId(id) && DevPathArray[id][0] != '\0'; }
+
+// Creates the 64 locks of a record and clears its Busy flags.
+void initLockRecord(LockRecord &record);
+// Takes every lock of a record, lowest family first.
+void lockAllFamilies(LockRecord &record);
+// Releases each lock in turn, waits until no caller is busy on it, destroys it.
+void releaseAndDestroyFamilies(LockRecord &record);

@@ -1,0 +1,215 @@
+// Enumeration, IDs, open, close and the property record.
+#include "api/call_guard.h"
+#include "api/device_table.h"
+#include "device/zor.h"
+#include "support/log.h"
+
+#include <hidapi.h>
+
+#include <cstring>
+
+using namespace zor::api;
+
+namespace {
+
+constexpr char kLogModule[] = "ZOR_focuser";
+constexpr int kPropertyFamily = 11;
+constexpr int kAliasBytes = 8;
+constexpr int kDefaultMaxStep = 60000;
+
+void copyPath(char (&to)[kPathBytes], const char *from)
+{
+    const size_t length = strnlen(from, kPathBytes - 1);
+    std::memcpy(to, from, length);
+    to[length] = '\0';
+}
+
+void scanDevices()
+{
+    iConnectedZOR = 0;
+    hid_device_info *list = hid_enumerate(ZOR_VENDOR_ID, ZOR_PRODUCT_ID);
+    for (hid_device_info *d = list; d && iConnectedZOR < ZOR_MAX_NUM; d = d->next)
+        copyPath(DevPathScan[iConnectedZOR++], d->path ? d->path : "");
+    hid_free_enumeration(list);
+}
+
+bool wasScanned(const char *path)
+{
+    for (int i = 0; i < iConnectedZOR; ++i)
+        if (std::strcmp(DevPathScan[i], path) == 0)
+            return true;
+    return false;
+}
+
+int idOfPath(const char *path)
+{
+    for (int id = 0; id < ZOR_MAX_NUM; ++id)
+        if (DevPathArray[id][0] && std::strcmp(DevPathArray[id], path) == 0)
+            return id;
+    return -1;
+}
+
+void closeUnpluggedDevices()
+{
+    for (int id = 0; id < ZOR_MAX_NUM; ++id) {
+        CZOR *device = pZOR[id].load();
+        if (device && !wasScanned(device->path()))
+            ZORClose(id);
+    }
+}
+
+// Gives every scanned path an ID: its old one, or the lowest free one.
+void assignIds()
+{
+    bool present[ZOR_MAX_NUM] = {};
+    for (int i = 0; i < iConnectedZOR; ++i) {
+        int id = idOfPath(DevPathScan[i]);
+        if (id < 0) {
+            for (id = 0; id < ZOR_MAX_NUM && DevPathArray[id][0]; ++id) {
+            }
+            if (id == ZOR_MAX_NUM)
+                continue;
+            copyPath(DevPathArray[id], DevPathScan[i]);
+        }
+        present[id] = true;
+    }
+    for (int id = 0; id < ZOR_MAX_NUM; ++id)
+        if (!present[id])
+            DevPathArray[id][0] = '\0';
+}
+
+// "ZOR", or "ZOR(alias)" when the device has an alias, and its step range.
+void describe(CZOR &device, bool ble, ZOR_INFO *pInfo, const char *aliasFailure)
+{
+    unsigned char alias[kAliasBytes] = {};
+    if (device.getAlias(alias, kAliasBytes, ble) != ZOR_SUCCESS)
+        ZORDbgPrint("ZORGetProperty", aliasFailure);
+    const size_t aliasLength = strnlen(reinterpret_cast<const char *>(alias), kAliasBytes);
+    if (aliasLength > 0) {
+        std::strcat(pInfo->Name, "(");
+        std::strncat(pInfo->Name, reinterpret_cast<const char *>(alias), aliasLength);
+        std::strcat(pInfo->Name, ")");
+        ZOR_LOG("Alias Name: %s", pInfo->Name);
+    }
+    pInfo->MaxStep = kDefaultMaxStep;
+    int range = kDefaultMaxStep;
+    if (device.getStepRange(&range, false) == ZOR_SUCCESS)
+        pInfo->MaxStep = range;
+}
+
+// The property call ends by "releasing" the lock of its family, which it
+// never takes. No thread can hold that lock here (only the position reset
+// takes it, and it calls nothing back), so the release of a recursive lock
+// would fail and change nothing; it is left out rather than made, since an
+// unlock of an unheld lock is undefined for thread checkers. Busy is cleared
+// as the release path does.
+void releaseUntakenPropertyLock(int id) { MutexCamPt[id].Busy[kPropertyFamily] = false; }
+
+ZOR_ERROR_CODE usbProperty(int ID, ZOR_INFO *pInfo)
+{
+    if (!hasPath(ID))
+        return ZOR_ERROR_INVALID_ID;
+    const bool openedHere = pZOR[ID].load() == nullptr;
+    if (openedHere && ZOROpen(ID) != ZOR_SUCCESS) {
+        releaseUntakenPropertyLock(ID);
+        return ZOR_SUCCESS;
+    }
+    describe(*pZOR[ID].load(), false, pInfo, "Failed to get alias\n");
+    if (openedHere)
+        ZORClose(ID);
+    releaseUntakenPropertyLock(ID);
+    return ZOR_SUCCESS;
+}
+
+} // namespace
+
+extern "C" {
+
+int ZORGetNum(void)
+{
+    guarded(__func__, [] {
+        scanDevices();
+        closeUnpluggedDevices();
+        assignIds();
+        return ZOR_SUCCESS;
+    });
+    return iConnectedZOR;
+}
+
+ZOR_ERROR_CODE ZORGetID(int index, int *ID)
+{
+    if (index < 0 || index >= iConnectedZOR)
+        return ZOR_ERROR_INVALID_INDEX;
+    const int id = idOfPath(DevPathScan[index]);
+    *ID = id;
+    return id < 0 ? ZOR_ERROR_INVALID_INDEX : ZOR_SUCCESS;
+}
+
+ZOR_ERROR_CODE ZOROpen(int ID)
+{
+    return guarded(__func__, [&] {
+        if (!hasPath(ID))
+            return ZOR_ERROR_INVALID_ID;
+        if (pZOR[ID].load()) {
+            ZORDbgPrint(__func__, "focuser of index%d is already opened\n", ID);
+            return ZOR_SUCCESS;
+        }
+        CZOR *device = new CZOR();
+        pZOR[ID] = device;
+        ZOR_LOG("ID%d: %s", ID, DevPathArray[ID]);
+        if (!device->open(DevPathArray[ID])) {
+            ZORClose(ID);
+            return ZOR_ERROR_REMOVED;
+        }
+        if (!MutexCamPt[ID].Initialised)
+            initLockRecord(MutexCamPt[ID]);
+        return ZOR_SUCCESS;
+    });
+}
+
+ZOR_ERROR_CODE ZORClose(int ID)
+{
+    return guarded(__func__, [&] {
+        if (!hasPath(ID))
+            return ZOR_ERROR_INVALID_ID;
+        CZOR *device = pZOR[ID].load();
+        if (!device)
+            return ZOR_SUCCESS;
+        LockRecord &record = MutexCamPt[ID];
+        const bool initialised = record.Initialised;
+        if (initialised)
+            lockAllFamilies(record);
+        device->close();
+        delete device;
+        pZOR[ID] = nullptr;
+        ZORDbgPrint(__func__, "pZOR deleted\n");
+        if (!initialised)
+            return ZOR_SUCCESS;
+        record.Initialised = false;
+        ZORDbgPrint(__func__, "->\n");
+        releaseAndDestroyFamilies(record);
+        ZORDbgPrint(__func__, "<-\n");
+        return ZOR_SUCCESS;
+    });
+}
+
+ZOR_ERROR_CODE ZORGetProperty(int ID, ZOR_INFO *pInfo)
+{
+    return guarded(__func__, [&] {
+        pInfo->ID = ID;
+        std::memset(pInfo->Name, 0, sizeof pInfo->Name);
+        pInfo->MaxStep = 0;
+        std::strcpy(pInfo->Name, "ZOR");
+        if (ID < ZOR_BLE_ID_BASE)
+            return usbProperty(ID, pInfo);
+        if (!isTableId(ID))
+            return ZOR_ERROR_INVALID_ID;
+        CZOR *device = pZOR[ID].load();
+        if (!device)
+            return ZOR_ERROR_BLE_NOT_CONNECTED;
+        describe(*device, true, pInfo, "Failed to get alias.");
+        return ZOR_SUCCESS;
+    });
+}
+
+} // extern "C"
