@@ -42,7 +42,8 @@ constexpr int kRequestDataMax = 12;
 
 size_t smaller(size_t a, size_t b) { return a < b ? a : b; }
 
-// Length of a text the caller handed in, never looking past `len` bytes.
+// Length of a text the caller handed in, never looking past `len` bytes
+// (no access outside a buffer: it need not be terminated).
 int boundedLen(const char *text, int len) { return static_cast<int>(strnlen(text, static_cast<size_t>(len))); }
 } // namespace
 
@@ -128,8 +129,9 @@ int CZOR::getNumOfControls(int *count, bool)
 
 int CZOR::getControlCaps(int index, ZOR_CONTROL_CAPS *caps, bool)
 {
-    // Only the upper bound is checked against the table size, not against the
-    // count: a slot past the list reads whatever it holds (zero when unused).
+    // The index is checked against the table size, not against the count: a
+    // slot past the list reads whatever it holds (zero when unused). A
+    // negative index is refused too (no access outside a buffer).
     if (!caps || index < 0 || index > kMaxControlIndex)
         return ZOR_ERROR_INVALID_INDEX;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -232,6 +234,7 @@ int CZOR::setSerialNumber(unsigned char *sn, int len)
     if (!m_bOpen || !m_hDev)
         return ZOR_ERROR_INVALID_ID;
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x0C};
+    // No access outside a buffer: at most what the 16-byte request holds.
     std::memcpy(request + 4, sn, static_cast<size_t>(len < kRequestDataMax ? len : kRequestDataMax));
     return sendCMD(request, sizeof request, false, nullptr);
 }
@@ -249,7 +252,8 @@ int CZOR::getAlias(unsigned char *alias, int len, bool ble)
     const int result = query(kGroupQuery, 0x0D, ble, reply, replyLen);
     if (result != ZOR_SUCCESS)
         return result;
-    // Over USB the alias ends at the first NUL of the reply.
+    // Over USB the alias ends at the first NUL of the reply, looked for only
+    // within the reply (no access outside a buffer).
     const size_t end = ble ? replyLen : strnlen(reinterpret_cast<const char *>(reply), replyLen);
     if (end > 4)
         std::memcpy(alias, reply + 4, smaller(end - 4, static_cast<size_t>(len)));
@@ -264,6 +268,7 @@ int CZOR::setAlias(unsigned char *alias, int len, bool ble)
     if (!alias || len < 0)
         return ZOR_ERROR_INVALID_VALUE;
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x0D};
+    // No access outside a buffer: at most what the 16-byte request holds.
     std::memcpy(request + 4, alias, static_cast<size_t>(len < kRequestDataMax ? len : kRequestDataMax));
     if (ble) {
         std::vector<unsigned char> reply;
@@ -327,6 +332,7 @@ int CZOR::getBLEName(char *name, int len)
     if (result != ZOR_SUCCESS) {
         std::memset(name, 0, static_cast<size_t>(len));
     } else {
+        // The reply as a text, bounded by the reply (no access outside a buffer).
         const size_t textLen = strnlen(reinterpret_cast<const char *>(reply), replyLen);
         // A reply holding only its header means no name is set: the caller's
         // buffer is left as it was.
@@ -334,7 +340,7 @@ int CZOR::getBLEName(char *name, int len)
             std::string full = m_strModel + "_";
             if (textLen > 4)
                 full.append(reinterpret_cast<const char *>(reply + 4), textLen - 4);
-            // No write past the caller's buffer: at most len bytes, NUL included.
+            // No access outside a buffer: at most len bytes, NUL included.
             const size_t n = smaller(full.size(), static_cast<size_t>(len) - 1);
             std::memcpy(name, full.data(), n);
             name[n] = '\0';
@@ -455,7 +461,8 @@ int CZOR::parseBatteryInfo(const unsigned char *data, size_t length, ZOR_BATTERY
         return ZOR_ERROR_INVALID_VALUE;
     if (length < 11)
         return ZOR_ERROR_BAD_DATA;
-    // Twelve bytes are decoded; one the caller did not provide reads as 0.
+    // Twelve bytes are decoded; one the caller did not provide reads as 0
+    // (no access outside a buffer).
     auto at = [&](size_t i) -> int { return i < length ? data[i] : 0; };
     info->battery_temp = at(1) - 100;
     info->battery_vol = at(2) * 256 + at(3);

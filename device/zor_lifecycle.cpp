@@ -65,6 +65,8 @@ void CZOR::applyFirmwareReply(const unsigned char *reply)
     m_iMaxStepLimit = fwVersion > kFwSmallRangeUpTo ? kLargeStepLimit : kSmallStepLimit;
     if (reply[7] == 'E') {
         // A model string follows: the newer product line with its features.
+        // The text ends at its NUL or at the end of the reply (no access
+        // outside a buffer).
         const char *model = reinterpret_cast<const char *>(reply + 8);
         m_strModel.assign(model, strnlen(model, static_cast<size_t>(m_iInputLen) - 8));
         m_bFwNew = true;

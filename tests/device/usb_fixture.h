@@ -28,15 +28,14 @@ protected:
 
     static int add(zorsim::Model model, int firmware, int reportSize = 64, int position = 1000)
     {
-        zorsim::DeviceConfig config;
-        config.model = model;
-        config.firmware = firmware;
-        config.reportSize = reportSize;
-        config.position = position;
-        return zorsim::addDevice(config);
+        zorsim::DeviceConfig c;
+        c.model = model;
+        c.firmware = firmware;
+        c.reportSize = reportSize;
+        c.position = position;
+        return zorsim::addDevice(c);
     }
 
-    // A device object opened on virtual focuser `n`.
     static std::unique_ptr<CZOR> open(int n)
     {
         auto device = std::make_unique<CZOR>();
@@ -53,5 +52,5 @@ protected:
         return reports;
     }
 
-    static Bytes head(const Bytes &report, size_t n) { return Bytes(report.begin(), report.begin() + n); }
+    static Bytes slice(const Bytes &b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 };
