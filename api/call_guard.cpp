@@ -15,7 +15,7 @@ void logException(const char *func, const char *what)
 
 FamilyLock::FamilyLock(LockRecord &record, int family) : m_record(record), m_family(family)
 {
-    m_record.Busy[m_family] = true;
+    ++m_record.Busy[m_family];
     if (m_record.Initialised) {
         pthread_mutex_lock(&m_record.Mutex[m_family].mutex);
         m_locked = true;
@@ -26,7 +26,7 @@ FamilyLock::~FamilyLock()
 {
     if (m_locked)
         pthread_mutex_unlock(&m_record.Mutex[m_family].mutex);
-    m_record.Busy[m_family] = false;
+    --m_record.Busy[m_family];
 }
 
 } // namespace zor::api

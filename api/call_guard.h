@@ -32,7 +32,7 @@ ZOR_ERROR_CODE guarded(const char *func, Body &&body) noexcept
 }
 
 // The lock of one family of one USB ID, held while the call runs. Busy is
-// raised before the lock is tried, so a close that has just cleared
+// raised before Initialised is read, so a close that has just cleared
 // Initialised still waits for this caller. The lock is released only if it
 // was taken here, so a caller woken by a close never releases a lock that
 // the close is about to destroy.

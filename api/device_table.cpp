@@ -30,7 +30,7 @@ void initLockRecord(LockRecord &record)
 {
     for (int f = 0; f < kLockFamilies; ++f) {
         InitCriSecZOR(&record.Mutex[f]);
-        record.Busy[f] = false;
+        record.Busy[f] = 0;
     }
     record.Initialised = true;
 }
@@ -45,7 +45,7 @@ void releaseAndDestroyFamilies(LockRecord &record)
 {
     for (int f = 0; f < kLockFamilies; ++f) {
         pthread_mutex_unlock(&record.Mutex[f].mutex);
-        while (record.Busy[f]) {
+        while (record.Busy[f] != 0) {
             ZORDbgPrint(__func__, "Slp\n");
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }

@@ -24,9 +24,11 @@ int DelCriSecZOR(S_MUTEX_UNIX *m);
 
 struct LockRecord {
     S_MUTEX_UNIX Mutex[kLockFamilies];
-    // Busy[f] is set from just before a caller tries to take lock f until
-    // just after it released it; ZORClose waits for it to clear.
-    std::atomic<bool> Busy[kLockFamilies];
+    // Busy[f] is raised from just before a caller tries to take lock f until
+    // just after it released it; ZORClose waits for it to fall. It counts the
+    // callers, so that with several callers of one family the close waits
+    // for the last of them before it destroys the lock.
+    std::atomic<int> Busy[kLockFamilies];
     std::atomic<bool> Initialised;
 };
 

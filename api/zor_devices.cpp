@@ -13,7 +13,6 @@ using namespace zor::api;
 namespace {
 
 constexpr char kLogModule[] = "ZOR_focuser";
-constexpr int kPropertyFamily = 11;
 constexpr int kAliasBytes = 8;
 constexpr int kDefaultMaxStep = 60000;
 
@@ -97,27 +96,21 @@ void describe(CZOR &device, bool ble, ZOR_INFO *pInfo, const char *aliasFailure)
         pInfo->MaxStep = range;
 }
 
-// The property call ends by "releasing" the lock of its family, which it
-// never takes. No thread can hold that lock here (only the position reset
-// takes it, and it calls nothing back), so the release of a recursive lock
-// would fail and change nothing; it is left out rather than made, since an
-// unlock of an unheld lock is undefined for thread checkers. Busy is cleared
-// as the release path does.
-void releaseUntakenPropertyLock(int id) { MutexCamPt[id].Busy[kPropertyFamily] = false; }
-
 ZOR_ERROR_CODE usbProperty(int ID, ZOR_INFO *pInfo)
 {
     if (!hasPath(ID))
         return ZOR_ERROR_INVALID_ID;
     const bool openedHere = pZOR[ID].load() == nullptr;
-    if (openedHere && ZOROpen(ID) != ZOR_SUCCESS) {
-        releaseUntakenPropertyLock(ID);
+    // The property call takes no lock of its own. It does not "release" the
+    // position-reset lock either: no thread can hold that lock here, so the
+    // release of a recursive lock would fail and change nothing, and an
+    // unlock of an unheld lock is undefined to thread checkers. Its busy
+    // count is left to the callers that raised it.
+    if (openedHere && ZOROpen(ID) != ZOR_SUCCESS)
         return ZOR_SUCCESS;
-    }
     describe(*pZOR[ID].load(), false, pInfo, "Failed to get alias\n");
     if (openedHere)
         ZORClose(ID);
-    releaseUntakenPropertyLock(ID);
     return ZOR_SUCCESS;
 }
 

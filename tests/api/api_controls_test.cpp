@@ -1,0 +1,248 @@
+// The control calls: ID checks, the closed-device answer, that each call
+// reaches the device operation it names, and the Bluetooth path's results.
+#include "api_fixture.h"
+
+#include "ble/scripted_transport.h"
+#include "device/zor.h"
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Call = std::pair<std::string, std::function<ZOR_ERROR_CODE(int)>>;
+
+// Every control call of the interface, with harmless arguments.
+std::vector<Call> everyControlCall()
+{
+    static bool b;
+    static int i;
+    static float f;
+    static unsigned char uc[3];
+    static ZOR_SN sn;
+    static ZOR_TYPE type;
+    static ZOR_BATTERY_INFO battery;
+    static ZOR_CONTROL_CAPS caps;
+    static ZOR_ERROR_MSG msg;
+    static char name[16] = "focus";
+    static unsigned char cmd[16] = {3, 0x7e, 0x5a, 2, 3};
+    return {
+        {"ZORMove", [](int id) { return ZORMove(id, 100); }},
+        {"ZORStop", [](int id) { return ZORStop(id); }},
+        {"ZORIsMoving", [](int id) { return ZORIsMoving(id, &b, &b); }},
+        {"ZORGetPosition", [](int id) { return ZORGetPosition(id, &i); }},
+        {"ZORResetPostion", [](int id) { return ZORResetPostion(id, 10); }},
+        {"ZORGetTemp", [](int id) { return ZORGetTemp(id, &f); }},
+        {"ZORSetBeep", [](int id) { return ZORSetBeep(id, true); }},
+        {"ZORGetBeep", [](int id) { return ZORGetBeep(id, &b); }},
+        {"ZORSetMaxStep", [](int id) { return ZORSetMaxStep(id, 5000); }},
+        {"ZORGetMaxStep", [](int id) { return ZORGetMaxStep(id, &i); }},
+        {"ZORStepRange", [](int id) { return ZORStepRange(id, &i); }},
+        {"ZORSetBacklash", [](int id) { return ZORSetBacklash(id, 5); }},
+        {"ZORGetBacklash", [](int id) { return ZORGetBacklash(id, &i); }},
+        {"ZORSetReverse", [](int id) { return ZORSetReverse(id, true); }},
+        {"ZORGetReverse", [](int id) { return ZORGetReverse(id, &b); }},
+        {"ZORSetMaxForce", [](int id) { return ZORSetMaxForce(id, 3); }},
+        {"ZORGetMaxForce", [](int id) { return ZORGetMaxForce(id, &i); }},
+        {"ZORGetSpeed", [](int id) { return ZORGetSpeed(id, &i); }},
+        {"ZORSetSpeed", [](int id) { return ZORSetSpeed(id, 2000); }},
+        {"ZORGetFirmwareVersion", [](int id) { return ZORGetFirmwareVersion(id, &uc[0], &uc[1], &uc[2]); }},
+        {"ZORGetSerialNumber", [](int id) { return ZORGetSerialNumber(id, &sn); }},
+        {"ZORSetID", [](int id) { return ZORSetID(id, ZOR_ID{{'A', 'B'}}); }},
+        {"ZORGetBatteryInfo", [](int id) { return ZORGetBatteryInfo(id, &battery); }},
+        {"ZORGetType", [](int id) { return ZORGetType(id, &type); }},
+        {"ZORGetBLEName", [](int id) { return ZORGetBLEName(id, name); }},
+        {"ZORSetBLEName", [](int id) { return ZORSetBLEName(id, name); }},
+        {"ZORSetShippingMode", [](int id) { return ZORSetShippingMode(id); }},
+        {"ZORGetLedState", [](int id) { return ZORGetLedState(id, &b); }},
+        {"ZORSetLedState", [](int id) { return ZORSetLedState(id, true); }},
+        {"ZORGetNumOfControls", [](int id) { return ZORGetNumOfControls(id, &i); }},
+        {"ZORGetControlCaps", [](int id) { return ZORGetControlCaps(id, 0, &caps); }},
+        {"ZORGetErrorCode", [](int id) { return ZORGetErrorCode(id, &msg); }},
+        {"ZORGetReason", [](int id) { return ZORGetReason(id, &i); }},
+        {"ZORSendCMD", [](int id) { return ZORSendCMD(id, cmd, 5, false, nullptr); }},
+        {"ZORSetRepeatTime", [](int id) { return ZORSetRepeatTime(id, 5); }},
+        {"ZORSetClearErr", [](int id) { return ZORSetClearErr(id, true); }},
+        {"ZORHidStartUpdate", [](int id) { return ZORHidStartUpdate(id); }},
+        {"ZORHidWriteUpdateFile", [](int id) { return ZORHidWriteUpdateFile(id, ZOR_HID_FILE_BUF{1, {0}}); }},
+        {"ZORHidEndUpdate", [](int id) { return ZORHidEndUpdate(id); }},
+    };
+}
+
+using Controls = ApiTest;
+
+TEST_F(Controls, EveryCallOnAnUnopenedDeviceAnswersClosedAndLeavesNothingBusy)
+{
+    add();
+    ASSERT_EQ(ZORGetNum(), 1);
+    ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
+    ASSERT_EQ(ZORClose(0), ZOR_SUCCESS); // the lock record has existed and is gone again
+    for (const auto &[name, call] : everyControlCall()) {
+        EXPECT_EQ(call(0), ZOR_ERROR_CLOSED) << name;
+        EXPECT_FALSE(anyBusy(0)) << name;
+    }
+}
+
+TEST_F(Controls, IdsOutsideTheTablesAreRefused)
+{
+    for (const auto &[name, call] : everyControlCall()) {
+        EXPECT_EQ(call(-1), ZOR_ERROR_INVALID_ID) << name;
+        EXPECT_EQ(call(7), ZOR_ERROR_INVALID_ID) << name << ": no device path";
+        EXPECT_EQ(call(128), ZOR_ERROR_INVALID_ID) << name;
+    }
+    int step = 0;
+    EXPECT_EQ(ZORGetPosition(50, &step), ZOR_ERROR_BLE_NOT_CONNECTED);
+    EXPECT_EQ(ZORSetSpeed(60, 100), ZOR_ERROR_INVALID_ID) << "USB-only calls treat 50..127 as USB slots";
+    char name[16] = {};
+    EXPECT_EQ(ZORGetBLEName(60, name), ZOR_ERROR_INVALID_ID);
+}
+
+TEST_F(Controls, SettersReachTheFocuserAndGettersReadItBack)
+{
+    const int device = add();
+    ASSERT_EQ(ZORGetNum(), 1);
+    ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
+
+    EXPECT_EQ(ZORSetBacklash(0, 42), ZOR_SUCCESS);
+    EXPECT_EQ(ZORSetBeep(0, true), ZOR_SUCCESS);
+    EXPECT_EQ(ZORSetReverse(0, true), ZOR_SUCCESS);
+    EXPECT_EQ(ZORSetMaxForce(0, 9), ZOR_SUCCESS);
+    EXPECT_EQ(ZORSetMaxStep(0, 12345), ZOR_SUCCESS);
+    EXPECT_EQ(ZORResetPostion(0, 777), ZOR_SUCCESS);
+    EXPECT_EQ(ZORSetLedState(0, false), ZOR_SUCCESS);
+    EXPECT_EQ(ZORSetID(0, ZOR_ID{{'S', 'c', 'o', 'p', 'e'}}), ZOR_SUCCESS);
+
+    const zorsim::DeviceState s = zorsim::state(device);
+    EXPECT_EQ(s.backlash, 42);
+    EXPECT_TRUE(s.beep);
+    EXPECT_TRUE(s.reverse);
+    EXPECT_EQ(s.maxForce, 9);
+    EXPECT_EQ(s.maxStep, 12345);
+    EXPECT_EQ(s.position, 777);
+    EXPECT_FALSE(s.ledOn);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s.alias.data()), 5), "Scope");
+
+    int value = 0;
+    bool flag = false;
+    EXPECT_EQ(ZORGetBacklash(0, &value), ZOR_SUCCESS);
+    EXPECT_EQ(value, 42);
+    EXPECT_EQ(ZORGetMaxForce(0, &value), ZOR_SUCCESS);
+    EXPECT_EQ(value, 9);
+    EXPECT_EQ(ZORGetMaxStep(0, &value), ZOR_SUCCESS);
+    EXPECT_EQ(value, 12345);
+    EXPECT_EQ(ZORGetPosition(0, &value), ZOR_SUCCESS);
+    EXPECT_EQ(value, 777);
+    EXPECT_EQ(ZORGetBeep(0, &flag), ZOR_SUCCESS);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(ZORGetReverse(0, &flag), ZOR_SUCCESS);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(ZORGetLedState(0, &flag), ZOR_SUCCESS);
+    EXPECT_FALSE(flag);
+    ZOR_INFO info;
+    EXPECT_EQ(ZORGetProperty(0, &info), ZOR_SUCCESS);
+    EXPECT_STREQ(info.Name, "ZOR(Scope)");
+    EXPECT_FALSE(anyBusy(0));
+}
+
+TEST_F(Controls, MoveRunsToTheTargetAndRefusesSettingsMeanwhile)
+{
+    const int device = add();
+    ASSERT_EQ(ZORGetNum(), 1);
+    ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
+
+    ASSERT_EQ(ZORMove(0, 5000), ZOR_SUCCESS);
+    EXPECT_EQ(zorsim::state(device).target, 5000);
+    bool moving = false, hand = true;
+    ASSERT_EQ(ZORIsMoving(0, &moving, &hand), ZOR_SUCCESS);
+    EXPECT_TRUE(moving);
+    EXPECT_TRUE(hand) << "the device reports its motor turning";
+    EXPECT_EQ(ZORSetBacklash(0, 1), ZOR_ERROR_MOVING);
+    EXPECT_EQ(ZORMove(0, 10), ZOR_ERROR_MOVING);
+
+    zorsim::advance(std::chrono::seconds(10));
+    ASSERT_EQ(ZORIsMoving(0, &moving, &hand), ZOR_SUCCESS);
+    EXPECT_FALSE(moving);
+    EXPECT_FALSE(hand);
+    int position = 0;
+    ASSERT_EQ(ZORGetPosition(0, &position), ZOR_SUCCESS);
+    EXPECT_EQ(position, 5000);
+
+    ASSERT_EQ(ZORMove(0, 9000), ZOR_SUCCESS);
+    EXPECT_EQ(ZORStop(0), ZOR_SUCCESS);
+    EXPECT_FALSE(zorsim::state(device).moving);
+}
+
+TEST_F(Controls, UsbUpdateRunsThroughStartDataAndEnd)
+{
+    const int device = add(zorsim::Model::Pro, 382);
+    zorsim::setFirmwareAfterUpdate(device, 383);
+    add(zorsim::Model::N, 369);
+    ASSERT_EQ(ZORGetNum(), 2);
+    ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
+    ASSERT_EQ(ZOROpen(1), ZOR_SUCCESS);
+
+    EXPECT_EQ(ZORHidStartUpdate(1), ZOR_ERROR_NOT_SUPPORTED);
+
+    ASSERT_EQ(ZORHidStartUpdate(0), ZOR_SUCCESS);
+    ZOR_HID_FILE_BUF chunk{};
+    chunk.Length = 55;
+    for (int i = 0; i < 55; ++i)
+        chunk.Data[i] = static_cast<unsigned char>(i);
+    EXPECT_EQ(ZORHidWriteUpdateFile(0, chunk), ZOR_SUCCESS);
+    chunk.Length = 56;
+    EXPECT_EQ(ZORHidWriteUpdateFile(0, chunk), ZOR_ERROR_BAD_DATA);
+    EXPECT_EQ(ZORHidEndUpdate(0), ZOR_SUCCESS) << "the restart cuts the answer off";
+    EXPECT_EQ(zorsim::state(device).installedImage.size(), 55u);
+    EXPECT_FALSE(anyBusy(0));
+}
+
+// A device object reached over Bluetooth through a scripted link.
+class BluetoothControls : public ApiTest {
+protected:
+    void SetUp() override
+    {
+        ApiTest::SetUp();
+        auto transport = std::make_unique<zor_test::ScriptedTransport>();
+        link = transport.get();
+        auto *device = new CZOR();
+        device->setBleManager(std::move(transport));
+        pZOR[kId] = device;
+    }
+    void TearDown() override
+    {
+        delete pZOR[kId].exchange(nullptr);
+        ApiTest::TearDown();
+    }
+
+    static constexpr int kId = 50;
+    zor_test::ScriptedTransport *link = nullptr;
+};
+
+TEST_F(BluetoothControls, FailuresPassThroughUnchanged)
+{
+    unsigned char major, minor, build;
+    EXPECT_EQ(ZORGetFirmwareVersion(kId, &major, &minor, &build), ZOR_ERROR_BLE_TIMEOUT);
+    link->setSendAccepted(false);
+    EXPECT_EQ(ZORSetBeep(kId, true), ZOR_ERROR_BLE_SEND);
+}
+
+TEST_F(BluetoothControls, AReplyTooShortToReadIsAnsweredAsUndecodable)
+{
+    link->queueFrame({0x01, 0x00});
+    unsigned char major, minor, build;
+    EXPECT_EQ(ZORGetFirmwareVersion(kId, &major, &minor, &build), ZOR_ERROR_BLE_RESPONSE);
+
+    // The exchange lock was released on the way out: the next call works.
+    link->setResponder([](const zor_test::Bytes &sent) {
+        return std::vector<zor_test::Bytes>{
+            zor_test::responseFrame(zor_test::sequenceOf(sent), 0, {0x04, 3, 8, 2})};
+    });
+    ASSERT_EQ(ZORGetFirmwareVersion(kId, &major, &minor, &build), ZOR_SUCCESS);
+    EXPECT_EQ(major * 100 + minor * 10 + build, 382);
+}
+
+} // namespace
