@@ -145,15 +145,15 @@ TEST_F(UsbDeviceTest, ErrorStateTemperatureAndAutoClear)
 
 TEST_F(UsbDeviceTest, CapabilityListsFollowModelAndFirmware)
 {
-    const std::pair<Model, int> versions[] = {{Model::Pro, 369}, {Model::Pro, 370}, {Model::Pro, 381},
-                                              {Model::Pro, 382}, {Model::N, 369},   {Model::N, 370}};
     std::vector<int> counts;
-    for (const auto &v : versions) {
-        int count = 0;
-        open(addConfigured(v.first, v.second))->getNumOfControls(&count, false);
-        counts.push_back(count);
+    for (Model model : {Model::Pro, Model::N, Model::Old}) {
+        for (int firmware : {369, 370, 381, 382}) {
+            int count = 0;
+            open(addConfigured(model, firmware))->getNumOfControls(&count, false);
+            counts.push_back(count);
+        }
     }
-    EXPECT_EQ(counts, (std::vector<int>{6, 7, 7, 8, 4, 5}));
+    EXPECT_EQ(counts, (std::vector<int>{6, 7, 7, 8, 4, 5, 5, 5, 1, 1, 1, 1}));
 
     auto pro = open(addConfigured(Model::Pro, 369));
     int count = 0;
