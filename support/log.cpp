@@ -13,6 +13,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <sys/stat.h>
 #include <vector>
 
@@ -48,8 +49,7 @@ std::string timestampedFileName()
     return name;
 }
 
-void logAt(spdlog::level::level_enum level, const std::string &msg, const char *file, int line,
-           const char *func)
+void logAt(spdlog::level::level_enum level, std::string_view msg, const char *file, int line, const char *func)
 {
     spdlog::logger *logger = g_activeLogger.load(std::memory_order_acquire);
     if (!logger)
@@ -150,7 +150,8 @@ void logInfoFormatted(const char *module, int line, const char *func, const char
     va_start(args, fmt);
     std::vsnprintf(message, sizeof message, fmt, args);
     va_end(args);
-    LogInfo(message, module, line, func);
+    // Straight to the logger: no string is built on the way.
+    logAt(spdlog::level::info, message, module, line, func);
 }
 
 } // namespace zor

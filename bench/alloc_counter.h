@@ -1,0 +1,8 @@
+// Counts heap allocations made anywhere in the process.
+#pragma once
+
+#include <cstdint>
+
+namespace zor_bench {
+uint64_t allocationCount();
+}

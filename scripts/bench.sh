@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in release mode and runs them against a virtual
+# focuser; ends with a table of each exported call beside the raw hidapi
+# exchange it makes. Extra arguments go to Google Benchmark.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/bootstrap.sh
+build=${ZOR_BENCH_BUILD:-build-bench}
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_BENCH=ON >/dev/null
+cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target zor_bench_calls
+"$build/bench/zor_bench_calls" --benchmark_color=false "$@"
