@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -39,10 +40,16 @@ std::string readFile(const std::string &path)
 
 namespace {
 
-// Sets HOME before the first test runs, so nothing reaches the real home.
+// Sets HOME before the first test runs, so nothing reaches the real home,
+// and removes the sandbox when the tests are done.
 class SandboxEnvironment : public ::testing::Environment {
 public:
     void SetUp() override { sandboxHome(); }
+    void TearDown() override
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(sandboxHome(), ignored);
+    }
 };
 
 const auto *const kSandbox = ::testing::AddGlobalTestEnvironment(new SandboxEnvironment);
