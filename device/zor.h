@@ -126,14 +126,22 @@ private:
     void storeStatusReply(const std::vector<unsigned char> &reply);
     // One CMD_DEVICE exchange.
     int bleDevice(std::vector<unsigned char> payload, bool waitForResponse, std::vector<unsigned char> &reply);
+    // An answer to a query, with the byte positions of a USB reply (data from
+    // byte 4), and how many bytes arrived.
+    struct Reply {
+        unsigned char bytes[kIoBufferBytes];
+        size_t length = 0;
+    };
     // One request with an answer. `request` is the USB report (ID byte
     // first); over Bluetooth it goes without the ID byte, and with
-    // `checkStatus` an answer whose status byte is not 0 gives 50. The answer
-    // lands in `reply` (kIoBufferBytes) with the byte positions of a USB
-    // reply, data from byte 4; `replyLen` is how many bytes arrived.
-    int query(const unsigned char *request, size_t len, bool ble, bool checkStatus, unsigned char *reply,
-              size_t &replyLen);
-    int query(unsigned char group, unsigned char code, bool ble, unsigned char *reply, size_t &replyLen);
+    // `checkStatus` an answer whose status byte is not 0 gives 50. An answer
+    // shorter than `minLength` gives 11.
+    int query(const unsigned char *request, size_t len, bool ble, bool checkStatus, Reply &reply,
+              size_t minLength = 0);
+    int query(unsigned char group, unsigned char code, bool ble, Reply &reply, size_t minLength = 0);
+    // One request without an answer: the report over USB, the same bytes
+    // without the ID byte over Bluetooth.
+    int command(unsigned char *request, size_t len, bool ble);
     bool featureSupported(int id) const;
     template <typename Out, typename Member> int readParam(Out *out, const Member &member, bool ble);
     void applyFirmwareReply(const unsigned char *reply);

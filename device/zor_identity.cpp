@@ -71,34 +71,43 @@ bool CZOR::featureSupported(int id) const
     }
 }
 
-int CZOR::query(const unsigned char *request, size_t len, bool ble, bool checkStatus, unsigned char *reply,
-                size_t &replyLen)
+int CZOR::query(const unsigned char *request, size_t len, bool ble, bool checkStatus, Reply &reply,
+                size_t minLength)
 {
-    std::memset(reply, 0, kIoBufferBytes);
-    replyLen = 0;
+    std::memset(reply.bytes, 0, sizeof reply.bytes);
+    reply.length = 0;
     if (!ble) {
-        const int result = sendCMD(const_cast<unsigned char *>(request), static_cast<int>(len), true, reply);
-        if (result == ZOR_SUCCESS)
-            replyLen = static_cast<size_t>(m_iInputLen);
-        return result;
+        const int result = sendCMD(const_cast<unsigned char *>(request), static_cast<int>(len), true, reply.bytes);
+        if (result != ZOR_SUCCESS)
+            return result;
+        reply.length = static_cast<size_t>(m_iInputLen);
+    } else {
+        std::vector<unsigned char> answer;
+        const int result = bleDevice(std::vector<unsigned char>(request + 1, request + len), true, answer);
+        if (result != ZOR_SUCCESS)
+            return result;
+        // An answer without even a status byte is a fault of the exchange (throws).
+        if (checkStatus && answer.at(2) != 0)
+            return ZOR_ERROR_BLE_RESPONSE;
+        reply.length = smaller(answer.size(), sizeof reply.bytes);
+        if (reply.length)
+            std::memcpy(reply.bytes, answer.data(), reply.length);
     }
-    std::vector<unsigned char> answer;
-    const int result = bleDevice(std::vector<unsigned char>(request + 1, request + len), true, answer);
-    if (result != ZOR_SUCCESS)
-        return result;
-    // An answer without even a status byte is a fault of the exchange (throws).
-    if (checkStatus && answer.at(2) != 0)
-        return ZOR_ERROR_BLE_RESPONSE;
-    replyLen = smaller(answer.size(), kIoBufferBytes);
-    if (replyLen)
-        std::memcpy(reply, answer.data(), replyLen);
-    return ZOR_SUCCESS;
+    return reply.length < minLength ? ZOR_ERROR_BAD_DATA : ZOR_SUCCESS;
 }
 
-int CZOR::query(unsigned char group, unsigned char code, bool ble, unsigned char *reply, size_t &replyLen)
+int CZOR::query(unsigned char group, unsigned char code, bool ble, Reply &reply, size_t minLength)
 {
     const unsigned char request[] = {kReportIdOut, kMarkHi, kMarkLo, group, code};
-    return query(request, sizeof request, ble, true, reply, replyLen);
+    return query(request, sizeof request, ble, true, reply, minLength);
+}
+
+int CZOR::command(unsigned char *request, size_t len, bool ble)
+{
+    if (!ble)
+        return sendCMD(request, static_cast<int>(len), false, nullptr);
+    std::vector<unsigned char> unused;
+    return bleDevice(std::vector<unsigned char>(request + 1, request + len), false, unused);
 }
 
 int CZOR::getNumOfControls(int *count, bool)
@@ -153,16 +162,13 @@ int CZOR::getFwVer(unsigned char *major, unsigned char *minor, unsigned char *bu
     if (!major || !minor || !build)
         return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(kGroupQuery, 0x04, ble, reply, replyLen);
+    Reply reply;
+    const int result = query(kGroupQuery, 0x04, ble, reply, 7);
     if (result != ZOR_SUCCESS)
         return result;
-    if (replyLen < 7)
-        return ZOR_ERROR_BAD_DATA;
-    *major = reply[4];
-    *minor = reply[5];
-    *build = reply[6];
+    *major = reply.bytes[4];
+    *minor = reply.bytes[5];
+    *build = reply.bytes[6];
     fwVersion = *major * 100 + *minor * 10 + *build;
     ZOR_LOG("*major:%d,*minor:%d,*build:%d", *major, *minor, *build);
     return ZOR_SUCCESS;
@@ -173,15 +179,14 @@ int CZOR::getType(ZOR_TYPE *type, bool ble)
     if (!type)
         return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(kGroupQuery, 0x04, ble, reply, replyLen);
+    Reply reply;
+    const int result = query(kGroupQuery, 0x04, ble, reply);
     if (result != ZOR_SUCCESS)
         return result;
     std::memset(type->Type, 0, sizeof type->Type);
-    if (replyLen > 8) {
-        const size_t n = strnlen(reinterpret_cast<const char *>(reply + 8), smaller(replyLen - 8, kModelTextMax));
-        std::memcpy(type->Type, reply + 8, n);
+    if (reply.length > 8) {
+        const size_t n = strnlen(reinterpret_cast<const char *>(reply.bytes + 8), smaller(reply.length - 8, kModelTextMax));
+        std::memcpy(type->Type, reply.bytes + 8, n);
     }
     ZOR_LOG("ZOR Type:%s", type->Type);
     return ZOR_SUCCESS;
@@ -195,18 +200,17 @@ int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
     if (!sn || len < 0)
         return ZOR_ERROR_INVALID_VALUE;
     std::memset(sn, 0, static_cast<size_t>(len));
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(kGroupQuery, 0x0C, ble, reply, replyLen);
+    Reply reply;
+    const int result = query(kGroupQuery, 0x0C, ble, reply);
     if (result != ZOR_SUCCESS)
         return result;
     if (ble) {
-        if (replyLen > 4)
-            std::memcpy(sn, reply + 4, smaller(static_cast<size_t>(len), replyLen - 4));
+        if (reply.length > 4)
+            std::memcpy(sn, reply.bytes + 4, smaller(static_cast<size_t>(len), reply.length - 4));
         return ZOR_SUCCESS;
     }
     unsigned char serial[kSerialBytes];
-    const unsigned char *r = reply;
+    const unsigned char *r = reply.bytes;
     if (m_bHasModelString) {
         std::memcpy(serial, r + 4, kSerialBytes);
     } else {
@@ -247,16 +251,15 @@ int CZOR::getAlias(unsigned char *alias, int len, bool ble)
     if (!alias || len < 0)
         return ZOR_ERROR_INVALID_VALUE;
     std::memset(alias, 0, static_cast<size_t>(len));
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(kGroupQuery, 0x0D, ble, reply, replyLen);
+    Reply reply;
+    const int result = query(kGroupQuery, 0x0D, ble, reply);
     if (result != ZOR_SUCCESS)
         return result;
     // Over USB the alias ends at the first NUL of the reply, looked for only
     // within the reply (no access outside a buffer).
-    const size_t end = ble ? replyLen : strnlen(reinterpret_cast<const char *>(reply), replyLen);
+    const size_t end = ble ? reply.length : strnlen(reinterpret_cast<const char *>(reply.bytes), reply.length);
     if (end > 4)
-        std::memcpy(alias, reply + 4, smaller(end - 4, static_cast<size_t>(len)));
+        std::memcpy(alias, reply.bytes + 4, smaller(end - 4, static_cast<size_t>(len)));
     return ZOR_SUCCESS;
 }
 
@@ -288,15 +291,12 @@ int CZOR::getErrorCode(ZOR_ERROR_MSG *msg, bool ble)
     if (!msg)
         return ZOR_ERROR_INVALID_VALUE;
     std::memset(msg, 0, sizeof *msg);
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(kGroupQuery, 0x05, ble, reply, replyLen);
+    Reply reply;
+    const int result = query(kGroupQuery, 0x05, ble, reply, 7);
     if (result != ZOR_SUCCESS)
         return result;
-    if (replyLen < 7)
-        return ZOR_ERROR_BAD_DATA;
-    std::snprintf(msg->MotorErrorCode, sizeof msg->MotorErrorCode, "%c%c", reply[4], reply[5]);
-    std::snprintf(msg->BatteryErrorCode, sizeof msg->BatteryErrorCode, "%c%c", reply[4], reply[6]);
+    std::snprintf(msg->MotorErrorCode, sizeof msg->MotorErrorCode, "%c%c", reply.bytes[4], reply.bytes[5]);
+    std::snprintf(msg->BatteryErrorCode, sizeof msg->BatteryErrorCode, "%c%c", reply.bytes[4], reply.bytes[6]);
     ZOR_LOG("The ZOR Motor Error Code is : %s ,Battery Error Code is : %s", msg->MotorErrorCode,
             msg->BatteryErrorCode);
     return ZOR_SUCCESS;
@@ -307,14 +307,11 @@ int CZOR::getPowerOffReason(int *reason, bool ble)
     if (!reason)
         return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(kGroupQuery, 0x06, ble, reply, replyLen);
+    Reply reply;
+    const int result = query(kGroupQuery, 0x06, ble, reply, 5);
     if (result != ZOR_SUCCESS)
         return result;
-    if (replyLen < 5)
-        return ZOR_ERROR_BAD_DATA;
-    *reason = reply[4];
+    *reason = reply.bytes[4];
     ZOR_LOG("The ZOR Pro Power off is : %s", *reason ? "shuipping mode" : "normal");
     return ZOR_SUCCESS;
 }
@@ -326,20 +323,19 @@ int CZOR::getBLEName(char *name, int len)
         return ZOR_ERROR_NOT_SUPPORTED;
     if (!name || len <= 0)
         return ZOR_ERROR_INVALID_VALUE;
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(0x1E, 0x01, false, reply, replyLen);
+    Reply reply;
+    const int result = query(0x1E, 0x01, false, reply);
     if (result != ZOR_SUCCESS) {
         std::memset(name, 0, static_cast<size_t>(len));
     } else {
         // The reply as a text, bounded by the reply (no access outside a buffer).
-        const size_t textLen = strnlen(reinterpret_cast<const char *>(reply), replyLen);
+        const size_t textLen = strnlen(reinterpret_cast<const char *>(reply.bytes), reply.length);
         // A reply holding only its header means no name is set: the caller's
         // buffer is left as it was.
         if (textLen != 4) {
             std::string full = m_strModel + "_";
             if (textLen > 4)
-                full.append(reinterpret_cast<const char *>(reply + 4), textLen - 4);
+                full.append(reinterpret_cast<const char *>(reply.bytes + 4), textLen - 4);
             // No access outside a buffer: at most len bytes, NUL included.
             const size_t n = smaller(full.size(), static_cast<size_t>(len) - 1);
             std::memcpy(name, full.data(), n);
@@ -365,14 +361,8 @@ int CZOR::setBLEName(char *name, int len, bool ble)
     ZOR_LOG("set name is :%.*s", boundedLen(name, len), name);
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x1E, 0x00};
     std::memcpy(request + 5, name, static_cast<size_t>(len));
-    int result;
-    if (ble) {
-        std::vector<unsigned char> reply;
-        result = bleDevice(std::vector<unsigned char>(request + 1, request + 5 + len), false, reply);
-    } else {
-        // The whole request goes, so zeros follow the name in the report.
-        result = sendCMD(request, sizeof request, false, nullptr);
-    }
+    // Over USB the whole request goes, so zeros follow the name in the report.
+    const int result = command(request, ble ? 5 + static_cast<size_t>(len) : sizeof request, ble);
     if (result != ZOR_SUCCESS)
         ZOR_LOG("set zor ble name failed. err:%d", result);
     return result;
@@ -384,11 +374,7 @@ int CZOR::setShippingMode(bool ble)
     if (!m_bHasModelString)
         return ZOR_ERROR_NOT_SUPPORTED;
     unsigned char request[] = {kReportIdOut, kMarkHi, kMarkLo, 0x1F, 0x00};
-    if (ble) {
-        std::vector<unsigned char> reply;
-        return bleDevice(std::vector<unsigned char>(request + 1, request + sizeof request), false, reply);
-    }
-    return sendCMD(request, sizeof request, false, nullptr);
+    return command(request, sizeof request, ble);
 }
 
 int CZOR::setLEDState(bool on, bool ble)
@@ -398,11 +384,7 @@ int CZOR::setLEDState(bool on, bool ble)
         return ZOR_ERROR_NOT_SUPPORTED;
     m_bLedOn = on;
     unsigned char request[] = {kReportIdOut, kMarkHi, kMarkLo, 0x20, static_cast<unsigned char>(on ? 1 : 0)};
-    if (ble) {
-        std::vector<unsigned char> reply;
-        return bleDevice(std::vector<unsigned char>(request + 1, request + sizeof request), false, reply);
-    }
-    return sendCMD(request, sizeof request, false, nullptr);
+    return command(request, sizeof request, ble);
 }
 
 int CZOR::getLEDState(bool *on, bool ble)
@@ -413,14 +395,11 @@ int CZOR::getLEDState(bool *on, bool ble)
     if (!on)
         return ZOR_ERROR_INVALID_VALUE;
     const unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, kGroupQuery, 0x1F};
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
-    const int result = query(request, sizeof request, ble, true, reply, replyLen);
+    Reply reply;
+    const int result = query(request, sizeof request, ble, true, reply, 5);
     if (result != ZOR_SUCCESS)
         return result;
-    if (replyLen < 5)
-        return ZOR_ERROR_BAD_DATA;
-    *on = reply[4] != 0;
+    *on = reply.bytes[4] != 0;
     m_bLedOn = *on;
     return ZOR_SUCCESS;
 }
@@ -433,15 +412,14 @@ int CZOR::getBatteryInfo(ZOR_BATTERY_INFO *info, bool ble)
     if (!info)
         return ZOR_ERROR_INVALID_VALUE;
     const unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, kGroupQuery, 0x1E};
-    unsigned char reply[kIoBufferBytes];
-    size_t replyLen;
+    Reply reply;
     // Over Bluetooth the decoder reads the whole answer, from its length byte on.
-    const int result = query(request, sizeof request, ble, false, reply, replyLen);
+    const int result = query(request, sizeof request, ble, false, reply);
     if (result != ZOR_SUCCESS)
         return result;
     if (ble)
-        return parseBatteryInfo(reply, replyLen, info);
-    return parseBatteryInfo(reply + 4, 16, info);
+        return parseBatteryInfo(reply.bytes, reply.length, info);
+    return parseBatteryInfo(reply.bytes + 4, 16, info);
 }
 
 int CZOR::setFactoryMode()

@@ -14,6 +14,15 @@ build_root=${ZOR_BUILD_ROOT:-build-test}
 # than its shadow mapping allows, so its tests run without randomisation.
 no_aslr() { if setarch "$(uname -m)" -R true 2>/dev/null; then setarch "$(uname -m)" -R "$@"; else "$@"; fi; }
 
+summaries=$(mktemp)
+trap 'rm -f "$summaries"' EXIT
+
+# Runs ctest in a build directory and keeps its closing line for the total.
+run_ctest() {
+  local dir=$1; shift
+  "$@" ctest --test-dir "$dir" --output-on-failure -j"${jobs}" --timeout 300 | tee -a "$summaries"
+}
+
 # run_suite NAME [RUNNER...] -- [CMAKE ARGS...]
 run_suite() {
   local name=$1; shift
@@ -24,7 +33,7 @@ run_suite() {
   cmake -S . -B "${build_root}/${name}" -DZOR_WERROR=ON "$@" >/dev/null
   cmake --build "${build_root}/${name}" -j"${jobs}"
   echo "=== ${name} tests"
-  ${runner[@]+"${runner[@]}"} ctest --test-dir "${build_root}/${name}" --output-on-failure -j"${jobs}" --timeout 300
+  run_ctest "${build_root}/${name}" ${runner[@]+"${runner[@]}"}
 }
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
@@ -41,5 +50,9 @@ if [ -f tests/fuzz/CMakeLists.txt ]; then
     -DZOR_BUILD_FUZZ=ON -DZOR_BUILD_BENCH=OFF -DZOR_BUILD_TESTS=ON >/dev/null
   cmake --build "${build_root}/fuzz" -j"${jobs}" --target zor_fuzz_targets
   echo "=== fuzz runs"
-  ctest --test-dir "${build_root}/fuzz" --output-on-failure -L fuzz
+  ctest --test-dir "${build_root}/fuzz" --output-on-failure -L fuzz | tee -a "$summaries"
 fi
+
+# One closing line over every run above.
+awk '/tests passed, [0-9]+ tests failed out of/ { failed += $4; total += $NF }
+     END { printf "all builds: %d passed, %d failed\n", total - failed, failed }' "$summaries"
