@@ -23,6 +23,9 @@ constexpr uint8_t kResponseOk = 0x00;
 // Failed waits tolerated once the device has reported a new connection.
 constexpr int kNewConnectionWaits = 12;
 
+// The exchange's helpers log under the exchange's own name.
+#define EXCHANGE_LOG(...) ::zor::logInfoFormatted(kLogModule, __LINE__, "bleSendData", __VA_ARGS__)
+
 } // namespace
 
 void CZOR::setBleManager(std::unique_ptr<IBluetoothLEManager> manager)
@@ -31,6 +34,73 @@ void CZOR::setBleManager(std::unique_ptr<IBluetoothLEManager> manager)
     std::lock_guard<std::mutex> lock(m_bleMutex);
     m_pBleManager = std::move(manager);
 }
+
+namespace {
+
+// What one received frame means for the exchange in progress.
+enum class Next { Wait, Return };
+
+// The waits of one exchange. Once the device has reported a new connection,
+// a number of empty waits are tolerated over the rest of the exchange.
+class ExchangeWaits {
+public:
+    explicit ExchangeWaits(IBluetoothLEManager &manager) : m_manager(manager) {}
+
+    bool next()
+    {
+        if (!m_newConnection)
+            return m_manager.WaitForDataAndProcess();
+        while (!m_manager.WaitForDataAndProcess()) {
+            if (m_waitNums > kNewConnectionWaits)
+                return false;
+            EXCHANGE_LOG("This is bIsNewConnect, iWaitNums%d", m_waitNums);
+            ++m_waitNums;
+        }
+        return true;
+    }
+
+    void newConnection() { m_newConnection = true; }
+
+private:
+    IBluetoothLEManager &m_manager;
+    bool m_newConnection = false; // bIsNewConnect
+    int m_waitNums = 1;           // iWaitNums
+};
+
+void notifyPairState(ZORPairStateCallback callback, ZOR_ERROR_CODE code)
+{
+    if (callback)
+        callback(code);
+}
+
+// A notification that arrives during a request: pairing accepted or refused
+// ends the exchange; any other status is dropped.
+Next onNotification(std::vector<unsigned char> &rx, ZORPairStateCallback callback, int &result)
+{
+    EXCHANGE_LOG("bleSendData recv Notification data");
+    const int32_t ret = BLEProtocol::decodeNotification(rx);
+    if (ret < 0) {
+        EXCHANGE_LOG("decodeNotification ret:%d", ret);
+        result = ZOR_ERROR_BLE_RESPONSE;
+        return Next::Return;
+    }
+    // rx has lost its checksum byte: a 4-byte notification throws here.
+    const uint8_t status = rx.at(3);
+    if (status == kNotifyPairRefused) {
+        notifyPairState(callback, ZOR_ERROR_BLE_PAIR_REJECTED);
+        result = ZOR_ERROR_BLE_PAIR_REJECTED;
+        return Next::Return;
+    }
+    if (status == kNotifyPairAccepted) {
+        // Ends the exchange although the request itself is unanswered.
+        notifyPairState(callback, ZOR_SUCCESS);
+        result = ZOR_SUCCESS;
+        return Next::Return;
+    }
+    return Next::Wait;
+}
+
+} // namespace
 
 int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> payload, bool waitForResponse,
                       std::vector<unsigned char> &response)
@@ -45,9 +115,7 @@ int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> 
         return ZOR_ERROR_BLE_NOT_CONNECTED;
 
     const uint8_t commandId = iCommandId.fetch_add(1);
-
     BLEProtocol::ProtoRequest request;
-    request.frameType = BLEProtocol::FRAME_REQUEST;
     request.lengthLow = static_cast<uint8_t>(payload.size() & 0xFF);
     request.sequence = commandId;
     request.commandType = type;
@@ -61,84 +129,43 @@ int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> 
     // two command bytes; a shorter one throws std::out_of_range here, before
     // anything is sent.
     ZOR_LOG("input:%02x, %02x, iCommandId:%d", payload.at(2), payload.at(3), static_cast<int>(commandId));
-
     if (!manager->SendData(frame, kSendReserved1, kSendReserved2))
         return ZOR_ERROR_BLE_SEND;
     if (!waitForResponse)
         return ZOR_SUCCESS;
 
-    bool bIsNewConnect = false;
-    int iWaitNums = 1;
+    ExchangeWaits waits(*manager);
     for (;;) {
-        if (!bIsNewConnect) {
-            if (!manager->WaitForDataAndProcess())
-                return ZOR_ERROR_BLE_TIMEOUT;
-        } else {
-            // The device is setting the link up again: allow it a number of
-            // empty waits over the rest of this exchange.
-            while (!manager->WaitForDataAndProcess()) {
-                if (iWaitNums > kNewConnectionWaits)
-                    return ZOR_ERROR_BLE_TIMEOUT;
-                ZOR_LOG("This is bIsNewConnect, iWaitNums%d", iWaitNums);
-                ++iWaitNums;
-            }
-        }
-
+        if (!waits.next())
+            return ZOR_ERROR_BLE_TIMEOUT;
         std::vector<unsigned char> rx;
         manager->GetReceivedData(rx);
 
         if (rx.at(0) == BLEProtocol::FRAME_NOTIFICATION) {
-            ZOR_LOG("bleSendData recv Notification data");
-            const int32_t ret = BLEProtocol::decodeNotification(rx);
-            if (ret < 0) {
-                ZOR_LOG("decodeNotification ret:%d", ret);
-                return ZOR_ERROR_BLE_RESPONSE;
-            }
-            // rx has lost its checksum byte: a 4-byte notification throws here.
-            const uint8_t status = rx.at(3);
-            if (status == kNotifyPairRefused) {
-                if (m_pairStateCallback)
-                    m_pairStateCallback(ZOR_ERROR_BLE_PAIR_REJECTED);
-                return ZOR_ERROR_BLE_PAIR_REJECTED;
-            }
-            if (status == kNotifyPairAccepted) {
-                // Ends the exchange although the request itself is unanswered;
-                // `response` keeps what it held.
-                if (m_pairStateCallback)
-                    m_pairStateCallback(ZOR_SUCCESS);
-                return ZOR_SUCCESS;
-            }
+            int result = ZOR_SUCCESS;
+            if (onNotification(rx, m_pairStateCallback, result) == Next::Return)
+                return result;
             continue;
         }
-
         if (rx.at(2) != commandId) {
             ZOR_LOG("Received outdated response, expected command ID: %d, but got: %d, discarding and waiting for "
                     "next response...",
                     static_cast<int>(commandId), static_cast<int>(rx.at(2)));
             continue;
         }
-
-        if (rx.at(0) == BLEProtocol::FRAME_RESPONSE) {
-            const uint8_t status = rx.at(3);
-            if (status == kResponseOk) {
-                const int32_t ret = BLEProtocol::decodeResponse(rx);
-                ZOR_LOG("decodeResponse ret:%d", ret);
-                if (ret < 0)
-                    return ZOR_ERROR_BLE_RESPONSE;
-                response.assign(rx.begin() + 1, rx.end());
-                return ZOR_SUCCESS;
-            }
-            if (status == BLEProtocol::STATUS_NEW_CONNECTION) {
-                if (m_pairStateCallback)
-                    m_pairStateCallback(ZOR_ERROR_BLE_NEW_CONNECTION);
-                ZOR_LOG("This is a new connection.");
-                bIsNewConnect = true;
-                continue;
-            }
+        if (rx.at(0) == BLEProtocol::FRAME_RESPONSE && rx.at(3) == kResponseOk) {
+            const int32_t ret = BLEProtocol::decodeResponse(rx);
+            ZOR_LOG("decodeResponse ret:%d", ret);
+            if (ret < 0)
+                return ZOR_ERROR_BLE_RESPONSE;
+        } else if (rx.at(0) == BLEProtocol::FRAME_RESPONSE && rx.at(3) == BLEProtocol::STATUS_NEW_CONNECTION) {
+            notifyPairState(m_pairStateCallback, ZOR_ERROR_BLE_NEW_CONNECTION);
+            ZOR_LOG("This is a new connection.");
+            waits.newConnection();
+            continue;
         }
-
-        // Any other status, or a frame of another type: handed over unchecked,
-        // its checksum byte included.
+        // A checked answer without its checksum byte; any other status, or a
+        // frame of another type, handed over unchecked with it.
         response.assign(rx.begin() + 1, rx.end());
         return ZOR_SUCCESS;
     }
