@@ -61,9 +61,11 @@ TEST(InterfaceSymbols, OnlyInterfaceFunctionsAreExported)
 TEST(InterfaceSymbols, EveryUsbCallIsExportedUnderItsSymbolKind)
 {
     const std::set<std::string> exported = exportedFunctions();
-    for (const std::string &name : kPlainNames)
-        if (name.rfind("ZORBLE", 0) != 0)
+    for (const std::string &name : kPlainNames) {
+        if (name.rfind("ZORBLE", 0) != 0) {
             EXPECT_TRUE(exported.count(name)) << name;
+        }
+    }
     for (const std::string &name : kTypeEncodedNames)
         EXPECT_TRUE(exported.count(name)) << name;
     EXPECT_FALSE(exported.count("ZORSetSpeed")) << "exported with C++ linkage only";
