@@ -1,0 +1,128 @@
+// update: writes a firmware image to a focuser over USB.
+#include "commands.h"
+#include "device.h"
+#include "interrupt.h"
+#include "progress.h"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+namespace zorctl {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kChunkBytes = 55; // the most one ZOR_HID_FILE_BUF carries
+
+std::vector<unsigned char> readImage(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw UserError("cannot read " + path + ": " + std::strerror(errno));
+    std::vector<unsigned char> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in.bad())
+        throw UserError("cannot read " + path + ": " + std::strerror(errno));
+    if (image.empty())
+        throw UserError(path + " is empty");
+    return image;
+}
+
+std::string bytesDetail(std::size_t done, std::size_t total)
+{
+    return std::to_string(done) + " of " + std::to_string(total) + " bytes";
+}
+
+// After the update the focuser restarts into the new firmware and comes back
+// on the bus; this waits for it (at most 10 s) and reports its version.
+void awaitRestart(int id)
+{
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline && sleepUnlessInterrupted(250ms)) {
+        const int count = ZORGetNum();
+        for (int index = 0; index < count; ++index) {
+            int found = -1;
+            if (ZORGetID(index, &found) != ZOR_SUCCESS || found != id || ZOROpen(id) != ZOR_SUCCESS)
+                continue;
+            unsigned char major = 0, minor = 0, build = 0;
+            const ZOR_ERROR_CODE code = ZORGetFirmwareVersion(id, &major, &minor, &build);
+            ZORClose(id);
+            if (code == ZOR_SUCCESS) {
+                std::printf("Focuser %d is back with firmware %s.\n", id,
+                            FirmwareVersion{major, minor, build}.text().c_str());
+                return;
+            }
+        }
+    }
+    std::printf("Focuser %d has not come back yet; 'zorctl list' shows when it has.\n", id);
+}
+
+int runUpdate(int id, const std::string &path)
+{
+    const std::vector<unsigned char> image = readImage(path);
+    catchInterrupt();
+    Focuser f(id);
+    const FirmwareVersion fw = f.firmware();
+    const ZOR_ERROR_CODE start = ZORHidStartUpdate(id);
+    if (start == ZOR_ERROR_NOT_SUPPORTED)
+        throw Failure("focuser " + std::to_string(id) + " (firmware " + fw.text() +
+                          ") cannot be updated over USB; that needs firmware 3.7.0 or later",
+                      start);
+    check(start, "starting the update");
+
+    ProgressBar bar(stdout, "writing");
+    std::size_t done = 0;
+    while (done < image.size()) {
+        if (interrupted()) {
+            bar.finish(static_cast<double>(done) / image.size(), bytesDetail(done, image.size()));
+            std::printf(
+                "Interrupted: the focuser stays in update mode without a complete image; run the update "
+                "again to finish it.\n");
+            return kInterruptedExit;
+        }
+        ZOR_HID_FILE_BUF chunk{};
+        const std::size_t n = std::min(kChunkBytes, image.size() - done);
+        chunk.Length = static_cast<int32_t>(n);
+        std::memcpy(chunk.Data, image.data() + done, n);
+        check(ZORHidWriteUpdateFile(id, chunk), "writing the image at byte " + std::to_string(done));
+        done += n;
+        bar.update(static_cast<double>(done) / image.size(), bytesDetail(done, image.size()));
+    }
+    bar.finish(1.0, bytesDetail(done, image.size()));
+
+    const ZOR_ERROR_CODE end = ZORHidEndUpdate(id);
+    // An answer to the end request (12, a code of its own) means the focuser
+    // did not restart into the new image.
+    if (end == 12)
+        throw UserError(
+            "the focuser answered the end of the update instead of restarting: it kept firmware " +
+            fw.text());
+    check(end, "ending the update");
+    f.close();
+    std::printf("Image of %zu bytes written; focuser %d restarts with it.\n", image.size(), id);
+    awaitRestart(id);
+    return 0;
+}
+
+} // namespace
+
+void addUpdate(CLI::App &app, Commands &commands)
+{
+    struct UpdateArgs {
+        int id = 0;
+        std::string file;
+    };
+    auto args = std::make_shared<UpdateArgs>();
+    CLI::App *update = app.add_subcommand(
+        "update", "Write a firmware image to a focuser over USB (firmware 3.7.0 and later)");
+    addIdArgument(*update, args->id);
+    update->add_option("FILE", args->file, "The firmware image")->required();
+    commands.push_back({update, [args] { return runUpdate(args->id, args->file); }});
+}
+
+} // namespace zorctl

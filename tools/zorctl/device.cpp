@@ -1,0 +1,94 @@
+#include "device.h"
+
+#include "result_codes.h"
+
+#include <cstring>
+
+namespace zorctl {
+
+Failure::Failure(const std::string &doing, int code)
+    : std::runtime_error(doing + ": " + formatResult(code)), m_code(code)
+{
+}
+
+void check(ZOR_ERROR_CODE code, const std::string &doing)
+{
+    if (code != ZOR_SUCCESS)
+        throw Failure(doing, code);
+}
+
+Focuser::Focuser(int id) : m_id(id)
+{
+    ZORGetNum();
+    check(ZOROpen(id), "opening focuser " + std::to_string(id));
+    m_open = true;
+}
+
+Focuser::~Focuser() { close(); }
+
+void Focuser::close()
+{
+    if (m_open)
+        ZORClose(m_id);
+    m_open = false;
+}
+
+FirmwareVersion Focuser::firmware()
+{
+    unsigned char major = 0, minor = 0, build = 0;
+    check(ZORGetFirmwareVersion(m_id, &major, &minor, &build), "reading the firmware version");
+    return {major, minor, build};
+}
+
+std::string Focuser::model()
+{
+    ZOR_TYPE type{};
+    check(ZORGetType(m_id, &type), "reading the model");
+    return std::string(type.Type, strnlen(type.Type, sizeof type.Type));
+}
+
+std::string Focuser::alias()
+{
+    ZOR_INFO info{};
+    check(ZORGetProperty(m_id, &info), "reading the alias");
+    return aliasFromName(info.Name);
+}
+
+std::vector<Capability> Focuser::capabilities()
+{
+    int count = 0;
+    check(ZORGetNumOfControls(m_id, &count), "reading the capability list");
+    std::vector<Capability> list;
+    for (int i = 0; i < count; ++i) {
+        ZOR_CONTROL_CAPS caps{};
+        check(ZORGetControlCaps(m_id, i, &caps), "reading capability " + std::to_string(i));
+        list.push_back({caps.ControlType, std::string(caps.Name, strnlen(caps.Name, sizeof caps.Name)),
+                        std::string(caps.Description, strnlen(caps.Description, sizeof caps.Description)),
+                        caps.IsSupported, caps.IsWritable});
+    }
+    return list;
+}
+
+bool Focuser::supports(ZOR_CONTROL_TYPE type)
+{
+    for (const Capability &c : capabilities())
+        if (c.type == type && c.supported)
+            return true;
+    return false;
+}
+
+std::string FirmwareVersion::text() const
+{
+    return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(build);
+}
+
+std::string aliasFromName(const char *name)
+{
+    const std::string text(name, strnlen(name, sizeof(ZOR_INFO::Name)));
+    const std::size_t open = text.find('(');
+    if (open == std::string::npos || text.size() < open + 2 || text.back() != ')')
+        return "";
+    return text.substr(open + 1, text.size() - open - 2);
+}
+
+} // namespace zorctl

@@ -1,0 +1,221 @@
+// zorctl: drives ZOR focusers from the command line through the SDK's
+// public interface.
+#include "commands.h"
+#include "errors.h"
+#include "interrupt.h"
+#include "simulate.h"
+
+#include "ZOR_focuser.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <unistd.h>
+
+namespace zorctl {
+namespace {
+
+// The top level accepts --simulate, --version and the shell; the commands
+// typed into the shell get the rest.
+enum class Level { Program, Shell };
+
+int runShell(char **argv);
+
+void printError(const std::string &message)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "zorctl: %s\n", message.c_str());
+}
+
+// Runs one command line (without the program name).
+int runCommandLine(std::vector<std::string> args, Level level, char **argv)
+{
+    CLI::App app{"Drive ZOR focusers: list them, move them, read and change their settings, update their "
+                 "firmware.",
+                 "zorctl"};
+    app.fallthrough();
+    app.require_subcommand(0, 1);
+    std::string simulation;
+    CLI::Option *simulate = nullptr;
+    bool version = false;
+    CLI::App *shell = nullptr;
+    if (level == Level::Program) {
+        simulate =
+            app.add_option("--simulate", simulation,
+                           "Run against virtual focusers; SPEC describes them as ZOR_SIM does (default: "
+                           "$ZOR_SIM, else one ZOR Pro, " +
+                               std::string(kDefaultSimulation) + ")")
+                ->expected(0, 1)
+                ->type_name("[SPEC]");
+        app.add_flag("--version", version, "Print the versions of zorctl and the library");
+        app.footer("Examples:\n"
+                   "  zorctl list\n"
+                   "  zorctl move 0 12000 --wait\n"
+                   "  zorctl set 0 backlash 40\n"
+                   "  zorctl --simulate info 0          (a virtual ZOR Pro, no hardware needed)\n"
+                   "  zorctl --simulate=pro@382,n@370 list");
+    }
+    Commands commands;
+    addListAndInfo(app, commands);
+    addMotion(app, commands);
+    addWatch(app, commands);
+    addSettings(app, commands);
+    addUpdate(app, commands);
+    if (level == Level::Program)
+        shell = app.add_subcommand("shell",
+                                   "Read commands from standard input, one per line, on the same focusers");
+
+    std::reverse(args.begin(), args.end()); // CLI11 takes them last first
+    try {
+        app.parse(args);
+    } catch (const CLI::CallForHelp &) {
+        std::cout << app.help();
+        return 0;
+    } catch (const CLI::CallForAllHelp &) {
+        std::cout << app.help("", CLI::AppFormatMode::All);
+        return 0;
+    } catch (const CLI::ParseError &e) {
+        printError(e.what());
+        std::cerr << app.help();
+        return kUsageExit;
+    }
+
+    try {
+        if (version) {
+            std::printf("zorctl %s, library %s\n", ZORCTL_VERSION, ZORGetSDKVersion());
+            return 0;
+        }
+        if (app.get_subcommands().empty()) {
+            printError("a command is needed");
+            std::cerr << app.help();
+            return kUsageExit;
+        }
+        if (simulate && simulate->count() > 0)
+            enterSimulation(simulation, argv);
+        if (shell && shell->parsed())
+            return runShell(argv);
+        for (const Command &c : commands) {
+            if (!c.app->parsed())
+                continue;
+            try {
+                return c.run();
+            } catch (const UsageError &e) {
+                printError(e.what());
+                std::cerr << c.app->help("zorctl");
+                return kUsageExit;
+            }
+        }
+    } catch (const Failure &e) {
+        printError(e.what());
+        return kFailedExit;
+    } catch (const UserError &e) {
+        printError(e.what());
+        return kFailedExit;
+    }
+    return 0; // not reached: every subcommand has a runner
+}
+
+// Words separated by blanks; double quotes keep blanks inside one word.
+std::vector<std::string> splitWords(const std::string &line)
+{
+    std::vector<std::string> words;
+    std::string word;
+    bool quoted = false, inWord = false;
+    for (const char c : line) {
+        if (c == '"') {
+            quoted = !quoted;
+            inWord = true;
+        } else if (!quoted && (c == ' ' || c == '\t' || c == '\r')) {
+            if (inWord)
+                words.push_back(word);
+            word.clear();
+            inWord = false;
+        } else {
+            word += c;
+            inWord = true;
+        }
+    }
+    if (quoted)
+        throw UsageError("a quote is not closed");
+    if (inWord)
+        words.push_back(word);
+    return words;
+}
+
+// One process for many commands: with --simulate the virtual focusers, and
+// everything they were told, last until the input ends.
+int runShell(char **argv)
+{
+    const bool terminal = isatty(STDIN_FILENO) != 0;
+    int status = 0;
+    std::string line;
+    for (;;) {
+        if (terminal) {
+            std::printf("zorctl> ");
+            std::fflush(stdout);
+        }
+        if (!std::getline(std::cin, line))
+            break;
+        std::vector<std::string> words;
+        try {
+            words = splitWords(line);
+        } catch (const UsageError &e) {
+            printError(e.what());
+            status = kFailedExit;
+            continue;
+        }
+        if (words.empty() || words[0][0] == '#')
+            continue;
+        if (!terminal)
+            std::printf("zorctl> %s\n", line.c_str()); // a transcript shows what ran
+        if (words[0] == "exit" || words[0] == "quit")
+            break;
+        if (words[0] == "help")
+            words = {"--help"};
+        const int result = runCommandLine(words, Level::Shell, argv);
+        if (result == kInterruptedExit || interrupted())
+            return kInterruptedExit;
+        if (result != 0)
+            status = kFailedExit;
+    }
+    if (terminal)
+        std::printf("\n");
+    return status;
+}
+
+} // namespace
+
+void addIdArgument(CLI::App &sub, int &id)
+{
+    sub.add_option("ID", id, "Focuser ID, as 'zorctl list' shows it")
+        ->required()
+        ->check(CLI::Validator(
+            [](std::string &text) -> std::string {
+                char *end = nullptr;
+                const long v = std::strtol(text.c_str(), &end, 10);
+                if (text.empty() || *end != '\0' || v < 0 || v >= ZOR_BLE_ID_BASE)
+                    return "ID must be a whole number from 0 to " + std::to_string(ZOR_BLE_ID_BASE - 1) +
+                           " (a focuser on USB), not " + text;
+                return std::string();
+            },
+            "0-49"));
+}
+
+void addJsonFlag(CLI::App &sub, bool &json) { sub.add_flag("--json", json, "Print JSON instead of text"); }
+
+} // namespace zorctl
+
+int main(int argc, char **argv)
+{
+    // Line by line even into a pipe, so output and errors keep their order.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    try {
+        return zorctl::runCommandLine(std::vector<std::string>(argv + 1, argv + argc), zorctl::Level::Program,
+                                      argv);
+    } catch (const std::exception &e) {
+        zorctl::printError(std::string("unexpected error: ") + e.what());
+        return zorctl::kFailedExit;
+    }
+}

@@ -1,0 +1,31 @@
+#include "motion.h"
+
+#include "device.h"
+
+namespace zorctl {
+
+MotionSample sampleMotion(int id)
+{
+    MotionSample s;
+    check(ZORIsMoving(id, &s.moving, &s.hand), "reading the motion state");
+    s.position = readPosition(id);
+    return s;
+}
+
+int readPosition(int id)
+{
+    int position = 0;
+    check(ZORGetPosition(id, &position), "reading the position");
+    return position;
+}
+
+void checkStep(int id, int step)
+{
+    int range = 0;
+    check(ZORStepRange(id, &range), "reading the step range");
+    if (step < 0 || step > range)
+        throw UserError("step " + std::to_string(step) + " is outside this focuser's range 0 to " +
+                        std::to_string(range));
+}
+
+} // namespace zorctl
