@@ -24,7 +24,16 @@ Focuser::Focuser(int id) : m_id(id)
     m_open = true;
 }
 
-Focuser::~Focuser() { close(); }
+// ZORClose stops a focuser that is moving. A command that ends while the
+// focuser moves (a move without --wait, a look at a move in progress)
+// leaves it open instead, so the move goes on after zorctl exits.
+Focuser::~Focuser()
+{
+    bool moving = false, hand = false;
+    if (m_open && ZORIsMoving(m_id, &moving, &hand) == ZOR_SUCCESS && moving)
+        return;
+    close();
+}
 
 void Focuser::close()
 {

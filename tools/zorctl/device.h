@@ -25,7 +25,7 @@ struct Capability {
 };
 
 // One open focuser: enumerates (IDs exist only after an enumeration), opens
-// the ID, and closes it again at the end of the command.
+// the ID, and closes it again at the end of the command unless it is moving.
 class Focuser {
   public:
     explicit Focuser(int id);
