@@ -1,0 +1,152 @@
+// zorctl get and set, its failures and usage messages, and --simulate's
+// own checks.
+#include "json_reader.h"
+#include "zorctl_process.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace {
+
+using testing::HasSubstr;
+using namespace zor_test;
+
+// A shell transcript cut into the output of each command.
+std::map<std::string, std::string> answers(const std::string &out)
+{
+    std::map<std::string, std::string> byCommand;
+    std::string *current = nullptr;
+    for (const std::string &line : lines(out)) {
+        if (line.rfind("zorctl> ", 0) == 0)
+            current = &byCommand[line.substr(8)];
+        else if (current)
+            *current += line + "\n";
+    }
+    return byCommand;
+}
+
+TEST(ZorctlSettings, EverySettingReadsBackWhatWasSet)
+{
+    const Outcome o = zorctl({"--simulate", "shell"}, "get 0 led\n"
+                                                      "get 0 beep\n"
+                                                      "set 0 backlash 40\n"
+                                                      "set 0 max-step 50000\n"
+                                                      "set 0 beep on\n"
+                                                      "set 0 reverse yes\n"
+                                                      "set 0 max-force 7\n"
+                                                      "set 0 led off\n"
+                                                      "set 0 ble-name north\n"
+                                                      "set 0 alias \"a\\ b\"\n"
+                                                      "get 0 backlash --json\n"
+                                                      "get 0 max-step\n"
+                                                      "get 0 beep --json\n"
+                                                      "get 0 reverse\n"
+                                                      "get 0 max-force\n"
+                                                      "get 0 led --json\n"
+                                                      "get 0 ble-name\n"
+                                                      "get 0 alias --json\n");
+    ASSERT_EQ(o.status, 0) << o.err;
+    auto a = answers(o.out);
+    EXPECT_EQ(a["get 0 led"], "on\n");
+    EXPECT_EQ(a["get 0 beep"], "off\n");
+    EXPECT_EQ(a["set 0 backlash 40"], "backlash set to 40\n");
+    EXPECT_EQ(parseJson(a["get 0 backlash --json"])["value"].number, 40);
+    EXPECT_EQ(a["get 0 max-step"], "50000\n");
+    EXPECT_TRUE(parseJson(a["get 0 beep --json"])["value"].boolean);
+    EXPECT_EQ(a["get 0 reverse"], "on\n");
+    EXPECT_EQ(a["get 0 max-force"], "7\n");
+    const JsonValue led = parseJson(a["get 0 led --json"]);
+    EXPECT_EQ(led["setting"].string, "led");
+    EXPECT_EQ(led["value"].type, JsonValue::Type::Bool);
+    EXPECT_FALSE(led["value"].boolean);
+    EXPECT_EQ(a["get 0 ble-name"], "ZOR Pro_north\n"); // the name as the focuser advertises it
+    EXPECT_EQ(parseJson(a["get 0 alias --json"])["value"].string, "a\\ b");
+}
+
+TEST(ZorctlSettings, SpeedAndTemperature)
+{
+    // Firmware before 3.3.6 carries a speed word; later firmware has none.
+    const Outcome early =
+        zorctl({"--simulate=old@321:16", "shell"}, "get 0 speed\nset 0 speed 1200\nget 0 speed\n");
+    ASSERT_EQ(early.status, 0) << early.err;
+    auto a = answers(early.out);
+    EXPECT_EQ(a["get 0 speed"], "3000\n1200\n"); // before and after
+    const Outcome late = zorctl({"--simulate", "get", "0", "speed"});
+    EXPECT_EQ(late.status, 1);
+    EXPECT_THAT(late.err, HasSubstr("focuser 0 (firmware 3.8.2) has no speed setting"));
+
+    const Outcome temp = zorctl({"--simulate=pro/temp=-5.5", "get", "0", "temperature", "--json"});
+    ASSERT_EQ(temp.status, 0) << temp.err;
+    EXPECT_EQ(parseJson(temp.out)["value"].number, -5.5);
+    const Outcome readOnly = zorctl({"--simulate", "set", "0", "temperature", "3"});
+    EXPECT_EQ(readOnly.status, 2);
+    EXPECT_THAT(readOnly.err, HasSubstr("Usage: zorctl set"));
+}
+
+struct Failing {
+    std::vector<std::string> args;
+    int status;
+    std::vector<std::string> messages;
+};
+
+TEST(ZorctlErrors, NameTheCodeOrShowTheUsage)
+{
+    const std::vector<Failing> cases = {
+        {{"--simulate", "info", "5"},
+         1,
+         {"opening focuser 5: ZOR_ERROR_INVALID_ID (2): no focuser has this ID"}},
+        {{"--simulate", "info", "50"}, 2, {"ID must be a whole number from 0 to 49", "Usage: zorctl info"}},
+        {{"--simulate", "move", "0"}, 2, {"STEP is required", "Usage: zorctl move"}},
+        {{"--simulate", "set", "0", "backlash", "300"},
+         2,
+         {"backlash takes a whole number from 0 to 255", "Usage: zorctl set"}},
+        {{"--simulate", "set", "0", "alias", "ninechars"}, 2, {"alias holds at most 8 characters"}},
+        {{"--simulate", "set", "0", "led", "dim"}, 2, {"led takes on or off"}},
+        {{"--simulate", "get", "0", "colour"}, 2, {"NAME", "Usage: zorctl get"}},
+        {{"--simulate=old@321:16", "get", "0", "led"},
+         1,
+         {"ZOR_ERROR_NOT_SUPPORTED (8): this focuser's model or firmware does not have this feature"}},
+        {{"--simulate=n@370", "set", "0", "ble-name", "x"}, 1, {"ZOR_ERROR_NOT_SUPPORTED (8)"}},
+        {{"--simulate=tele", "list"}, 1, {"no virtual focusers: ZOR_SIM: \"tele\""}},
+        {{"frobnicate"}, 2, {"frobnicate", "Usage: zorctl"}},
+    };
+    for (const Failing &c : cases) {
+        const Outcome o = zorctl(c.args);
+        const std::string what = testing::PrintToString(c.args);
+        EXPECT_EQ(o.status, c.status) << what << o.err;
+        for (const std::string &m : c.messages)
+            EXPECT_THAT(o.err, HasSubstr(m)) << what;
+        EXPECT_EQ(o.out, "") << what;
+    }
+}
+
+TEST(ZorctlErrors, ASettingIsRefusedWhileTheFocuserMoves)
+{
+    const Outcome o =
+        zorctl({"--simulate=pro/speed=100", "shell"}, "move 0 31000\nset 0 backlash 10\nstop 0\n");
+    EXPECT_EQ(o.status, 1);
+    EXPECT_THAT(o.err, HasSubstr("setting the backlash: ZOR_ERROR_MOVING (5): the focuser is moving"));
+    EXPECT_THAT(o.out, HasSubstr("Focuser 0 stopped at"));
+}
+
+TEST(ZorctlSimulate, KeepsItsSettingsApartAndFindsItsLibrary)
+{
+    const Outcome set = zorctl({"--simulate", "set", "0", "backlash", "40"});
+    ASSERT_EQ(set.status, 0) << set.err;
+    const std::string home = std::getenv("HOME");
+    EXPECT_TRUE(std::filesystem::exists(home + "/.local/state/zorctl/simulated-home/.KVO/ZORconfig.xml"));
+    EXPECT_FALSE(std::filesystem::exists(home + "/.KVO")); // where a real focuser's settings are kept
+    // The library restores the saved backlash when the next virtual focuser powers up.
+    EXPECT_EQ(zorctl({"--simulate", "get", "0", "backlash"}).out, "40\n");
+
+    const Outcome missing =
+        zorctl({"--simulate", "list"}, "", {"ZORCTL_SIM_LIBRARY=/nowhere/libzor_hidsim.so"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err, HasSubstr("cannot find the virtual focuser library"));
+    EXPECT_THAT(missing.err, HasSubstr("/nowhere/libzor_hidsim.so"));
+}
+
+} // namespace
