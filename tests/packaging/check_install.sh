@@ -18,4 +18,10 @@ LD_LIBRARY_PATH="$libdir" "$work/consumer/consumer"
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 cc -std=c99 "$source_dir/consumer/main.c" -o "$work/pc_consumer" $(pkg-config --cflags --libs ZORfocuser)
 LD_LIBRARY_PATH="$libdir" "$work/pc_consumer"
+
+# The installed zorctl finds the library and the virtual focusers from where it is.
+if [ -x "$prefix/bin/zorctl" ]; then
+  test -f "$libdir/ZORfocuser/libzor_hidsim.so"
+  HOME="$work/home" "$prefix/bin/zorctl" --simulate list | grep -q 'ZOR Pro'
+fi
 echo "install check passed"
