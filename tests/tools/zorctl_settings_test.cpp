@@ -98,7 +98,7 @@ TEST(ZorctlErrors, NameTheCodeOrShowTheUsage)
         {{"--simulate", "info", "5"},
          1,
          {"opening focuser 5: ZOR_ERROR_INVALID_ID (2): no focuser has this ID"}},
-        {{"--simulate", "info", "50"}, 2, {"ID must be a whole number from 0 to 49", "Usage: zorctl info"}},
+        {{"--simulate", "info", "50"}, 2, {"ID: a whole number from 0 to 49 is needed", "Usage: zorctl info"}},
         {{"--simulate", "move", "0"}, 2, {"STEP is required", "Usage: zorctl move"}},
         {{"--simulate", "set", "0", "backlash", "300"},
          2,

@@ -196,8 +196,8 @@ void addIdArgument(CLI::App &sub, int &id)
                 char *end = nullptr;
                 const long v = std::strtol(text.c_str(), &end, 10);
                 if (text.empty() || *end != '\0' || v < 0 || v >= ZOR_BLE_ID_BASE)
-                    return "ID must be a whole number from 0 to " + std::to_string(ZOR_BLE_ID_BASE - 1) +
-                           " (a focuser on USB), not " + text;
+                    return "a whole number from 0 to " + std::to_string(ZOR_BLE_ID_BASE - 1) +
+                           " is needed (a focuser on USB), not " + text;
                 return std::string();
             },
             "0-49"));
