@@ -116,13 +116,6 @@ TEST(ZorctlMove, WaitsWithAProgressBarUntilTheFocuserStops)
     EXPECT_THAT(o.out, ContainsRegex("zorctl> position 0\n[0-9]+ \\(moving\\)\n"));
 }
 
-TEST(ZorctlMove, RefusesAStepOutsideTheRange)
-{
-    const Outcome o = zorctl({"--simulate", "move", "0", "600001"});
-    EXPECT_EQ(o.status, 1);
-    EXPECT_THAT(o.err, HasSubstr("step 600001 is outside this focuser's range 0 to 600000"));
-}
-
 TEST(ZorctlMove, CtrlCStopsTheFocuserBeforeExiting)
 {
     ZorctlProcess p({"--simulate=pro@382/speed=200", "move", "0", "40000", "--wait"});

@@ -36,9 +36,7 @@ class ZorctlProcess {
     bool pump(int timeoutMs);
 
     pid_t m_pid = -1;
-    int m_in = -1, m_out = -1, m_err = -1;
-    std::string m_input;
-    std::size_t m_written = 0;
+    int m_out = -1, m_err = -1;
     Outcome m_outcome;
 };
 
