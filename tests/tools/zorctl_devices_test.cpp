@@ -172,25 +172,25 @@ std::string writeImage(std::size_t bytes)
 TEST(ZorctlUpdate, RefusesAFocuserWithoutUsbUpdate)
 {
     const std::string image = writeImage(200);
-    for (const char *spec : {"--simulate=old@321:16", "--simulate=n@369"}) {
-        const Outcome o = zorctl({spec, "update", "0", image});
-        EXPECT_EQ(o.status, 1) << spec;
+    for (const char *devices : {"--simulate=old@321:16", "--simulate=n@369"}) {
+        const Outcome o = zorctl({devices, "update", "0", image});
+        EXPECT_EQ(o.status, 1) << devices;
         EXPECT_THAT(o.err, HasSubstr("cannot be updated over USB; that needs firmware 3.7.0 or later"))
-            << spec;
-        EXPECT_THAT(o.err, HasSubstr("ZOR_ERROR_NOT_SUPPORTED (8)")) << spec;
-        EXPECT_THAT(o.out, Not(HasSubstr("writing"))) << spec;
+            << devices;
+        EXPECT_THAT(o.err, HasSubstr("ZOR_ERROR_NOT_SUPPORTED (8)")) << devices;
+        EXPECT_THAT(o.out, Not(HasSubstr("writing"))) << devices;
     }
 }
 
 TEST(ZorctlUpdate, WritesTheImageAndSeesTheFocuserBackWithNewFirmware)
 {
     const std::string image = writeImage(1000);
-    for (const auto &[spec, version] : {std::pair<std::string, std::string>{"pro@382/newfw=383", "3.8.3"},
-                                        {"n@370:16/newfw=371", "3.7.1"}}) {
-        const Outcome o = zorctl({"--simulate=" + spec, "update", "0", image});
-        ASSERT_EQ(o.status, 0) << spec << o.err;
-        EXPECT_THAT(o.out, ContainsRegex("\\] 100%  1000 of 1000 bytes\n")) << spec;
-        EXPECT_THAT(o.out, HasSubstr("Focuser 0 is back with firmware " + version + ".")) << spec;
+    for (const auto &[devices, version] : {std::pair<std::string, std::string>{"pro@382/newfw=383", "3.8.3"},
+                                           {"n@370:16/newfw=371", "3.7.1"}}) {
+        const Outcome o = zorctl({"--simulate=" + devices, "update", "0", image});
+        ASSERT_EQ(o.status, 0) << devices << o.err;
+        EXPECT_THAT(o.out, ContainsRegex("\\] 100%  1000 of 1000 bytes\n")) << devices;
+        EXPECT_THAT(o.out, HasSubstr("Focuser 0 is back with firmware " + version + ".")) << devices;
     }
     const Outcome empty = zorctl({"--simulate", "update", "0", writeImage(0)});
     EXPECT_EQ(empty.status, 1);

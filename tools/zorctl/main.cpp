@@ -44,11 +44,11 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
     if (level == Level::Program) {
         simulate =
             app.add_option("--simulate", simulation,
-                           "Run against virtual focusers; SPEC describes them as ZOR_SIM does (default: "
+                           "Run against virtual focusers; DEVICES describes them as ZOR_SIM does (default: "
                            "$ZOR_SIM, else one ZOR Pro, " +
                                std::string(kDefaultSimulation) + ")")
                 ->expected(0, 1)
-                ->type_name("[SPEC]");
+                ->type_name("[DEVICES]");
         app.add_flag("--version", version, "Print the versions of zorctl and the library");
         app.footer("Examples:\n"
                    "  zorctl list\n"
