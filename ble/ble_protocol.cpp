@@ -31,6 +31,19 @@ bool decodeInto(Record &record, Bytes &frame, size_t payloadStart, uint8_t &rece
     return record.checksum == received;
 }
 
+// Decodes one received frame; a checksum mismatch is logged under `func`.
+template <typename Record>
+int32_t decodeFrame(Bytes &frame, size_t payloadStart, const char *func)
+{
+    Record record;
+    uint8_t received = 0;
+    if (decodeInto(record, frame, payloadStart, received))
+        return 0;
+    zor::logInfoFormatted(kLogModule, __LINE__, func, "checksum: %d, calculateChecksum: %d",
+                          static_cast<int>(received), static_cast<int>(record.checksum));
+    return -1;
+}
+
 } // namespace
 
 uint8_t calculateChecksum(const unsigned char *data, size_t length)
@@ -55,40 +68,13 @@ void ProtoRequest::calculateChecksum(Bytes &out)
     out.push_back(checksum);
 }
 
-void ProtoResponse::calculateChecksum(Bytes &bytes)
-{
-    checksum = BLEProtocol::calculateChecksum(bytes.data(), bytes.size());
-}
-
-void ProtoNotification::calculateChecksum(Bytes &bytes)
-{
-    checksum = BLEProtocol::calculateChecksum(bytes.data(), bytes.size());
-}
-
 void encodeRequest(ProtoRequest &request, Bytes &out) { request.calculateChecksum(out); }
 
-int32_t decodeResponse(Bytes &frame)
-{
-    ProtoResponse response;
-    response.frameType = FRAME_RESPONSE;
-    uint8_t received = 0;
-    if (decodeInto(response, frame, kResponsePayloadStart, received))
-        return 0;
-    ZOR_LOG("checksum: %d, calculateChecksum: %d", static_cast<int>(received),
-            static_cast<int>(response.checksum));
-    return -1;
-}
+int32_t decodeResponse(Bytes &frame) { return decodeFrame<ProtoResponse>(frame, kResponsePayloadStart, __func__); }
 
 int32_t decodeNotification(Bytes &frame)
 {
-    ProtoNotification notification;
-    notification.frameType = FRAME_NOTIFICATION;
-    uint8_t received = 0;
-    if (decodeInto(notification, frame, kNotificationPayloadStart, received))
-        return 0;
-    ZOR_LOG("checksum: %d, calculateChecksum: %d", static_cast<int>(received),
-            static_cast<int>(notification.checksum));
-    return -1;
+    return decodeFrame<ProtoNotification>(frame, kNotificationPayloadStart, __func__);
 }
 
 uint8_t getProtoLength(const ProtoRequest &request) { return static_cast<uint8_t>(request.lengthLow + 3); }

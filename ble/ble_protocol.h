@@ -42,29 +42,25 @@ struct ProtoRequest {
     void calculateChecksum(Bytes &out);
 };
 
-struct ProtoResponse {
-    uint8_t frameType = FRAME_RESPONSE;
-    uint8_t length = 0;
-    uint8_t sequence = 0;
-    uint8_t status = 0;
-    Bytes payload;
-    uint8_t checksum = 0;
-
-    void calculateChecksum(Bytes &bytes);
-};
-
-struct ProtoNotification {
-    uint8_t frameType = FRAME_NOTIFICATION;
-    uint8_t length = 0;
-    uint8_t sequence = 0;
-    uint8_t status = 0;
-    Bytes payload;
-    uint8_t checksum = 0;
-
-    void calculateChecksum(Bytes &bytes);
-};
-
 uint8_t calculateChecksum(const unsigned char *data, size_t length);
+
+// A frame from the device: a response or a notification, same fields.
+template <uint8_t FrameType>
+struct ProtoAnswer {
+    uint8_t frameType = FrameType;
+    uint8_t length = 0;
+    uint8_t sequence = 0;
+    uint8_t status = 0;
+    Bytes payload;
+    uint8_t checksum = 0;
+
+    // Stores the sum of all of `bytes`; appends nothing.
+    void calculateChecksum(Bytes &bytes) { checksum = BLEProtocol::calculateChecksum(bytes.data(), bytes.size()); }
+};
+
+using ProtoResponse = ProtoAnswer<FRAME_RESPONSE>;
+using ProtoNotification = ProtoAnswer<FRAME_NOTIFICATION>;
+
 void encodeRequest(ProtoRequest &request, Bytes &out);
 // Both strip the checksum byte from `frame`; 0 when it matched, -1 when not.
 // A frame under 4 bytes throws std::out_of_range.
