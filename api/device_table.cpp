@@ -14,9 +14,12 @@ int InitCriSecZOR(S_MUTEX_UNIX *m)
 {
     if (int rc = pthread_mutexattr_init(&m->attr))
         return rc;
-    if (int rc = pthread_mutexattr_settype(&m->attr, PTHREAD_MUTEX_RECURSIVE))
-        return rc;
-    return pthread_mutex_init(&m->mutex, &m->attr);
+    int rc = pthread_mutexattr_settype(&m->attr, PTHREAD_MUTEX_RECURSIVE);
+    if (rc == 0)
+        rc = pthread_mutex_init(&m->mutex, &m->attr);
+    if (rc != 0)
+        pthread_mutexattr_destroy(&m->attr);
+    return rc;
 }
 
 int DelCriSecZOR(S_MUTEX_UNIX *m)
@@ -26,13 +29,19 @@ int DelCriSecZOR(S_MUTEX_UNIX *m)
     return pthread_mutexattr_destroy(&m->attr);
 }
 
-void initLockRecord(LockRecord &record)
+// The Busy counts are not reset here: every caller lowers what it raised, so
+// they are 0 when nobody calls, and a reset would break a count in flight.
+int initLockRecord(LockRecord &record)
 {
     for (int f = 0; f < kLockFamilies; ++f) {
-        InitCriSecZOR(&record.Mutex[f]);
-        record.Busy[f] = 0;
+        if (int rc = InitCriSecZOR(&record.Mutex[f])) {
+            while (f-- > 0)
+                DelCriSecZOR(&record.Mutex[f]);
+            return rc;
+        }
     }
     record.Initialised = true;
+    return 0;
 }
 
 void lockAllFamilies(LockRecord &record)

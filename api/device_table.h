@@ -4,16 +4,15 @@
 #pragma once
 
 #include "ZOR_focuser.h"
+#include "device/zor.h"
 
 #include <atomic>
 #include <pthread.h>
 
-class CZOR;
-
-constexpr int kPathBytes = 256;
 constexpr int kLockFamilies = 64;
 
-// A recursive pthread mutex and the attribute it was made with.
+// A recursive pthread mutex and the attribute it was made with. Creation
+// returns 0 or the failing step's result, and leaves nothing behind when it fails.
 struct S_MUTEX_UNIX {
     pthread_mutex_t mutex;
     pthread_mutexattr_t attr;
@@ -42,8 +41,9 @@ extern int g_BleStartId;
 inline bool isTableId(int id) { return id >= 0 && id < ZOR_MAX_NUM; }
 inline bool hasPath(int id) { return isTableId(id) && DevPathArray[id][0] != '\0'; }
 
-// Creates the 64 locks of a record and clears its Busy flags.
-void initLockRecord(LockRecord &record);
+// Creates the 64 locks of a record and marks it initialised. Returns 0, or the system's result when a lock could not be
+// made; the record is then left uninitialised with no lock in it.
+int initLockRecord(LockRecord &record);
 // Takes every lock of a record, lowest family first.
 void lockAllFamilies(LockRecord &record);
 // Releases each lock in turn, waits until no caller is busy on it, destroys it.

@@ -48,8 +48,9 @@ enum Family {
     kReason = 39,
 };
 
-constexpr int kSerialBytes = 8;
-constexpr int kUsbBleNameBytes = 16;
+// The Bluetooth name buffer of ZORGetBLEName, and the most of a name that
+// ZORSetBLEName looks at (longer names are refused anyway).
+constexpr int kBleNameBytes = 16;
 
 } // namespace
 
@@ -157,7 +158,9 @@ ZOR_ERROR_CODE ZORGetFirmwareVersion(int ID, unsigned char *major, unsigned char
 ZOR_ERROR_CODE ZORGetSerialNumber(int ID, ZOR_SN *pSN)
 {
     return onEitherLink(__func__, ID, kSerialNumber, "get serial sumber failed\n",
-                        [&](CZOR &z, bool ble) { return z.getSerialNumber(pSN->id, kSerialBytes, ble); });
+                        [&](CZOR &z, bool ble) {
+                            return z.getSerialNumber(pSN ? pSN->id : nullptr, sizeof pSN->id, ble);
+                        });
 }
 
 ZOR_ERROR_CODE ZORSetID(int ID, ZOR_ID alias)
@@ -181,15 +184,15 @@ ZOR_ERROR_CODE ZORGetType(int ID, ZOR_TYPE *pType)
 ZOR_ERROR_CODE ZORGetBLEName(int ID, char *pName)
 {
     return onUsbOnly(__func__, ID, kBleNameAndStepRange,
-                     [&](CZOR &z) { return z.getBLEName(pName, kUsbBleNameBytes); });
+                     [&](CZOR &z) { return z.getBLEName(pName, kBleNameBytes); });
 }
 
-// The USB request always carries a 16-byte name field; over Bluetooth the
-// name goes as long as it is.
+// The name goes as long as it is over both links (a fixed 16 would make every
+// USB request fail the length check), looked for only within 16 bytes.
 ZOR_ERROR_CODE ZORSetBLEName(int ID, char *pName)
 {
     return onEitherLink(__func__, ID, kSetBleName, "set zor ble name failed\n", [&](CZOR &z, bool ble) {
-        const int length = ble ? static_cast<int>(std::strlen(pName)) : kUsbBleNameBytes;
+        const int length = pName ? static_cast<int>(strnlen(pName, kBleNameBytes)) : 0;
         return z.setBLEName(pName, length, ble);
     });
 }
@@ -265,7 +268,13 @@ ZOR_ERROR_CODE ZORSetSpeed(int ID, int iVal)
 
 ZOR_ERROR_CODE ZORSendCMD(int ID, unsigned char *pCmd, int iLen, bool bRead, unsigned char *pOut)
 {
-    return onUsbOnly(__func__, ID, kSendCmd, [&](CZOR &z) { return z.sendCMD(pCmd, iLen, bRead, pOut); });
+    // Caller mistakes get 3 and send nothing: without a command of at least
+    // one byte the previous request would go again.
+    return onUsbOnly(__func__, ID, kSendCmd, [&](CZOR &z) {
+        if (!pCmd || iLen < 1 || (bRead && !pOut))
+            return static_cast<int>(ZOR_ERROR_INVALID_VALUE);
+        return z.sendCMD(pCmd, iLen, bRead, pOut);
+    });
 }
 
 ZOR_ERROR_CODE ZORSetRepeatTime(int ID, int iVal)

@@ -7,6 +7,7 @@
 #include <hidapi.h>
 
 #include <cstring>
+#include <memory>
 
 using namespace zor::api;
 
@@ -57,21 +58,35 @@ void closeUnpluggedDevices()
     }
 }
 
-// Gives every scanned path an ID: its old one, or the lowest free one.
+int lowestFreeUsbId()
+{
+    for (int id = 0; id < ZOR_BLE_ID_BASE; ++id)
+        if (!DevPathArray[id][0])
+            return id;
+    return -1;
+}
+
+// Gives every scanned path an ID: its old one, or the lowest free one. USB
+// IDs stay below 50, since IDs from 50 up select the Bluetooth branch of
+// every call: a path left without an ID is dropped from the enumeration.
 void assignIds()
 {
     bool present[ZOR_MAX_NUM] = {};
+    int counted = 0;
     for (int i = 0; i < iConnectedZOR; ++i) {
         int id = idOfPath(DevPathScan[i]);
         if (id < 0) {
-            for (id = 0; id < ZOR_MAX_NUM && DevPathArray[id][0]; ++id) {
-            }
-            if (id == ZOR_MAX_NUM)
+            id = lowestFreeUsbId();
+            if (id < 0)
                 continue;
             copyPath(DevPathArray[id], DevPathScan[i]);
         }
         present[id] = true;
+        if (counted != i)
+            copyPath(DevPathScan[counted], DevPathScan[i]);
+        ++counted;
     }
+    iConnectedZOR = counted;
     for (int id = 0; id < ZOR_MAX_NUM; ++id)
         if (!present[id])
             DevPathArray[id][0] = '\0';
@@ -131,6 +146,8 @@ int ZORGetNum(void)
 
 ZOR_ERROR_CODE ZORGetID(int index, int *ID)
 {
+    if (!ID)
+        return ZOR_ERROR_INVALID_VALUE;
     if (index < 0 || index >= iConnectedZOR)
         return ZOR_ERROR_INVALID_INDEX;
     const int id = idOfPath(DevPathScan[index]);
@@ -147,15 +164,17 @@ ZOR_ERROR_CODE ZOROpen(int ID)
             ZORDbgPrint(__func__, "focuser of index%d is already opened\n", ID);
             return ZOR_SUCCESS;
         }
-        CZOR *device = new CZOR();
-        pZOR[ID] = device;
+        // The object is published only when it is open and its lock record
+        // exists, so that a caller on another thread never finds it half made.
+        auto device = std::make_unique<CZOR>();
         ZOR_LOG("ID%d: %s", ID, DevPathArray[ID]);
-        if (!device->open(DevPathArray[ID])) {
-            ZORClose(ID);
+        if (!device->open(DevPathArray[ID]))
             return ZOR_ERROR_REMOVED;
+        if (!MutexCamPt[ID].Initialised && initLockRecord(MutexCamPt[ID]) != 0) {
+            device->close();
+            return ZOR_ERROR_GENERAL_ERROR;
         }
-        if (!MutexCamPt[ID].Initialised)
-            initLockRecord(MutexCamPt[ID]);
+        pZOR[ID] = device.release();
         return ZOR_SUCCESS;
     });
 }
@@ -189,6 +208,8 @@ ZOR_ERROR_CODE ZORClose(int ID)
 ZOR_ERROR_CODE ZORGetProperty(int ID, ZOR_INFO *pInfo)
 {
     return guarded(__func__, [&] {
+        if (!pInfo)
+            return ZOR_ERROR_INVALID_VALUE;
         pInfo->ID = ID;
         std::memset(pInfo->Name, 0, sizeof pInfo->Name);
         pInfo->MaxStep = 0;

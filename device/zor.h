@@ -8,6 +8,7 @@
 
 #include <hidapi.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -19,6 +20,8 @@ class IBluetoothLEManager;
 
 // Capability IDs as the public interface numbers them (ZOR_CONTROL_TYPE).
 constexpr int kNumControlTypes = 8;
+// Bytes of a device path, NUL included, in the path tables and in a device object.
+constexpr size_t kPathBytes = 256;
 
 class CZOR {
 public:
@@ -30,7 +33,7 @@ public:
     // Lifecycle
     bool open(char *path);
     void close();
-    const char *path() const { return m_szPath; }
+    const char *path() const { return m_szPath.data(); }
     bool isOpen() const { return m_bOpen; }
 
     // HID transport
@@ -107,7 +110,6 @@ public:
 
 private:
     static constexpr size_t kIoBufferBytes = 128;
-    static constexpr size_t kPathBytes = 256;
     static constexpr unsigned char kReportIdOut = 0x03;
     static constexpr unsigned char kReportIdIn = 0x01;
     // Move state the device reports while it is in its error state.
@@ -149,10 +151,11 @@ private:
     hid_device *m_hDev = nullptr;
     std::recursive_mutex m_mutex;
     int m_iOutputLen = 16;
-    int m_iInputLen = 17;
-    unsigned char *pszInBuf = nullptr;
-    unsigned char *pszOutBuf = nullptr;
-    char *m_szPath = nullptr;
+    // Every reply is read at this size, into buffers that hold at least as much.
+    static constexpr int m_iInputLen = ZOR_REPLY_BYTES;
+    std::array<unsigned char, kIoBufferBytes> pszInBuf{};
+    std::array<unsigned char, kIoBufferBytes> pszOutBuf{};
+    std::array<char, kPathBytes> m_szPath{};
     bool m_bOpen = false;
     int m_iEnabled = 0;
     int m_iBacklash = 0;
@@ -193,7 +196,8 @@ private:
     int64_t m_bleWord2 = 0;
     uint8_t m_cErrCount = 0;
     uint8_t m_cReconnectCount = 0;
-    char *m_pszKeyPath = nullptr;
+    // The settings key, made on first use.
+    std::array<char, kPathBytes> m_pszKeyPath{};
     float m_fTempValid = 0;
     int m_iTempMax = 250;
     int m_iTempMin = -20;

@@ -5,6 +5,7 @@
 
 #include "support/log.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -33,11 +34,9 @@ int CZOR::sendCMD(unsigned char *cmd, int len, bool needReply, unsigned char *re
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
         if (!m_bOpen || !m_hDev)
             return ZOR_ERROR_INVALID_ID;
-        if (cmd != pszOutBuf && cmd && len > 0) {
-            const int n = len < m_iOutputLen ? len : m_iOutputLen;
-            std::memcpy(pszOutBuf, cmd, static_cast<size_t>(n));
-        }
-        result = hid_send_feature_report(m_hDev, pszOutBuf, static_cast<size_t>(m_iOutputLen));
+        if (cmd != pszOutBuf.data() && cmd && len > 0)
+            std::memcpy(pszOutBuf.data(), cmd, static_cast<size_t>(std::min(len, m_iOutputLen)));
+        result = hid_send_feature_report(m_hDev, pszOutBuf.data(), static_cast<size_t>(m_iOutputLen));
         if (reply && needReply && result >= 0) {
             std::memset(reply, 0, static_cast<size_t>(m_iInputLen));
             reply[0] = kReportIdIn;
@@ -74,7 +73,7 @@ void CZOR::HIDUpdateStatus(bool failed)
         return;
     ++m_cErrCount;
     if (m_cErrCount >= kFailuresBeforeReconnect) {
-        ZOR_LOG("%s try to reconnect [%u:%u]", m_szPath, static_cast<unsigned>(m_cErrCount),
+        ZOR_LOG("%s try to reconnect [%u:%u]", m_szPath.data(), static_cast<unsigned>(m_cErrCount),
                 static_cast<unsigned>(m_cReconnectCount));
         HIDReconnect();
         ++m_cReconnectCount;
@@ -90,11 +89,11 @@ void CZOR::HIDReconnect()
             return;
         m_bOpen = false;
         hid_close(m_hDev);
-        m_hDev = hid_open_path(m_szPath);
+        m_hDev = hid_open_path(m_szPath.data());
         if (m_hDev)
             m_bOpen = true;
         reopened = m_bOpen;
     }
     if (!reopened)
-        ZOR_LOG("%s reconnect fail", m_szPath);
+        ZOR_LOG("%s reconnect fail", m_szPath.data());
 }

@@ -5,6 +5,7 @@
 
 #include "support/log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -36,11 +37,9 @@ constexpr unsigned char kMarkLo = 0x5A;
 constexpr unsigned char kGroupQuery = 0x02;
 constexpr size_t kShortRequest = 16;
 constexpr size_t kModelTextMax = 15;
-constexpr size_t kSerialBytes = 8;
+constexpr size_t kSerialBytes = sizeof(ZOR_SN);
 // A request report of 16 bytes holds 4 header bytes and at most 12 data bytes.
 constexpr int kRequestDataMax = 12;
-
-size_t smaller(size_t a, size_t b) { return a < b ? a : b; }
 
 // Length of a text the caller handed in, never looking past `len` bytes
 // (no access outside a buffer: it need not be terminated).
@@ -89,7 +88,7 @@ int CZOR::query(const unsigned char *request, size_t len, bool ble, bool checkSt
         // An answer without even a status byte is a fault of the exchange (throws).
         if (checkStatus && answer.at(2) != 0)
             return ZOR_ERROR_BLE_RESPONSE;
-        reply.length = smaller(answer.size(), sizeof reply.bytes);
+        reply.length = std::min(answer.size(), sizeof reply.bytes);
         if (reply.length)
             std::memcpy(reply.bytes, answer.data(), reply.length);
     }
@@ -148,9 +147,9 @@ int CZOR::getControlCaps(int index, ZOR_CONTROL_CAPS *caps, bool)
     const CapabilityText &text = (id >= 0 && id < kNumControlTypes) ? kCapabilityTexts[id] : kUnknownCapability;
     std::memset(caps, 0, sizeof *caps);
     // The texts are shorter than their fields; the rest stays zero.
-    std::memcpy(caps->Name, text.name, smaller(std::strlen(text.name), sizeof caps->Name - 1));
+    std::memcpy(caps->Name, text.name, std::min(std::strlen(text.name), sizeof caps->Name - 1));
     std::memcpy(caps->Description, text.description,
-                smaller(std::strlen(text.description), sizeof caps->Description - 1));
+                std::min(std::strlen(text.description), sizeof caps->Description - 1));
     caps->ControlType = id;
     caps->IsSupported = featureSupported(id);
     caps->IsWritable = text.writable;
@@ -185,7 +184,7 @@ int CZOR::getType(ZOR_TYPE *type, bool ble)
         return result;
     std::memset(type->Type, 0, sizeof type->Type);
     if (reply.length > 8) {
-        const size_t n = strnlen(reinterpret_cast<const char *>(reply.bytes + 8), smaller(reply.length - 8, kModelTextMax));
+        const size_t n = strnlen(reinterpret_cast<const char *>(reply.bytes + 8), std::min(reply.length - 8, kModelTextMax));
         std::memcpy(type->Type, reply.bytes + 8, n);
     }
     ZOR_LOG("ZOR Type:%s", type->Type);
@@ -206,7 +205,7 @@ int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
         return result;
     if (ble) {
         if (reply.length > 4)
-            std::memcpy(sn, reply.bytes + 4, smaller(static_cast<size_t>(len), reply.length - 4));
+            std::memcpy(sn, reply.bytes + 4, std::min(static_cast<size_t>(len), reply.length - 4));
         return ZOR_SUCCESS;
     }
     unsigned char serial[kSerialBytes];
@@ -224,7 +223,7 @@ int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
         serial[6] = static_cast<unsigned char>((r[13] << 4) | (r[14] >> 4));
         serial[7] = static_cast<unsigned char>(r[14] * 16 + r[15]);
     }
-    std::memcpy(sn, serial, smaller(static_cast<size_t>(len), kSerialBytes));
+    std::memcpy(sn, serial, std::min(static_cast<size_t>(len), kSerialBytes));
     return ZOR_SUCCESS;
 }
 
@@ -239,7 +238,7 @@ int CZOR::setSerialNumber(unsigned char *sn, int len)
         return ZOR_ERROR_INVALID_ID;
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x0C};
     // No access outside a buffer: at most what the 16-byte request holds.
-    std::memcpy(request + 4, sn, static_cast<size_t>(len < kRequestDataMax ? len : kRequestDataMax));
+    std::memcpy(request + 4, sn, static_cast<size_t>(std::min(len, kRequestDataMax)));
     return sendCMD(request, sizeof request, false, nullptr);
 }
 
@@ -259,7 +258,7 @@ int CZOR::getAlias(unsigned char *alias, int len, bool ble)
     // within the reply (no access outside a buffer).
     const size_t end = ble ? reply.length : strnlen(reinterpret_cast<const char *>(reply.bytes), reply.length);
     if (end > 4)
-        std::memcpy(alias, reply.bytes + 4, smaller(end - 4, static_cast<size_t>(len)));
+        std::memcpy(alias, reply.bytes + 4, std::min(end - 4, static_cast<size_t>(len)));
     return ZOR_SUCCESS;
 }
 
@@ -272,7 +271,7 @@ int CZOR::setAlias(unsigned char *alias, int len, bool ble)
         return ZOR_ERROR_INVALID_VALUE;
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x0D};
     // No access outside a buffer: at most what the 16-byte request holds.
-    std::memcpy(request + 4, alias, static_cast<size_t>(len < kRequestDataMax ? len : kRequestDataMax));
+    std::memcpy(request + 4, alias, static_cast<size_t>(std::min(len, kRequestDataMax)));
     if (ble) {
         std::vector<unsigned char> reply;
         const int result = bleDevice(std::vector<unsigned char>(request + 1, request + kShortRequest), true, reply);
@@ -337,7 +336,7 @@ int CZOR::getBLEName(char *name, int len)
             if (textLen > 4)
                 full.append(reinterpret_cast<const char *>(reply.bytes + 4), textLen - 4);
             // No access outside a buffer: at most len bytes, NUL included.
-            const size_t n = smaller(full.size(), static_cast<size_t>(len) - 1);
+            const size_t n = std::min(full.size(), static_cast<size_t>(len) - 1);
             std::memcpy(name, full.data(), n);
             name[n] = '\0';
         }

@@ -23,10 +23,7 @@ CZOR::CZOR()
 {
     hid_init();
     InitLogger();
-    pszInBuf = new unsigned char[kIoBufferBytes]();
-    pszOutBuf = new unsigned char[kIoBufferBytes]();
-    m_szPath = new char[kPathBytes]();
-    ZOR_LOG("CZOR pszInBuf is %p", static_cast<void *>(pszInBuf));
+    ZOR_LOG("CZOR pszInBuf is %p", static_cast<void *>(pszInBuf.data()));
     // The temperature bounds come from the table, both starting at -20.
     m_iTempMin = -20;
     m_iTempMax = -20;
@@ -45,10 +42,6 @@ CZOR::~CZOR()
     // talking to the device.
     if (m_hDev)
         hid_close(m_hDev);
-    delete[] pszInBuf;
-    delete[] pszOutBuf;
-    delete[] m_szPath;
-    delete[] m_pszKeyPath;
 }
 
 void CZOR::applyFirmwareReply(const unsigned char *reply)
@@ -93,11 +86,11 @@ bool CZOR::open(char *path)
     if (!dev)
         return false;
     m_hDev = dev;
-    std::snprintf(m_szPath, kPathBytes, "%s", path);
+    std::snprintf(m_szPath.data(), m_szPath.size(), "%s", path);
     m_bOpen = true;
 
     unsigned char descriptor[kMaxReportDescriptorBytes];
-    const int descriptorLen = readHidReportDescriptor(m_hDev, m_szPath, descriptor, sizeof descriptor);
+    const int descriptorLen = readHidReportDescriptor(m_hDev, m_szPath.data(), descriptor, sizeof descriptor);
     const int capacity =
         descriptorLen > 0 ? focuserOutputCapacity(descriptor, static_cast<size_t>(descriptorLen)) : -1;
     if (capacity < 0)
@@ -145,10 +138,8 @@ void CZOR::close()
 
 void CZOR::InitSubKey()
 {
-    if (!m_pszKeyPath) {
-        m_pszKeyPath = new char[kPathBytes]();
-        buildSettingsKeyPath(m_pszKeyPath, kPathBytes);
-    }
+    if (!m_pszKeyPath[0])
+        buildSettingsKeyPath(m_pszKeyPath.data(), m_pszKeyPath.size());
 }
 
 void CZOR::LoadSetting()
@@ -157,7 +148,7 @@ void CZOR::LoadSetting()
     InitSubKey();
     DeviceSettings settings;
     // A maximum step never saved takes the device's step range.
-    if (!loadDeviceSettings(m_pszKeyPath, m_iMaxStepLimit, settings))
+    if (!loadDeviceSettings(m_pszKeyPath.data(), m_iMaxStepLimit, settings))
         return;
     m_iStep = settings.position;
     m_iBacklash = settings.backlash;
@@ -178,5 +169,5 @@ void CZOR::SaveSetting()
         settings.maxStep = m_iMaxStep;
         settings.reverse = bReverse;
     }
-    saveDeviceSettings(m_pszKeyPath, settings);
+    saveDeviceSettings(m_pszKeyPath.data(), settings);
 }

@@ -6,6 +6,7 @@
 #include "device/thermistor.h"
 #include "support/log.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -17,6 +18,8 @@ constexpr int kRawAdcLow = 616;
 constexpr int kRawAdcHigh = 1020;
 constexpr int kHandControlAdcMax = 341;
 constexpr float kLowestTemperature = -200.0f;
+constexpr int kMaxBacklash = 255;
+constexpr int kMaxForce = 15;
 
 int clampStep(int step, int limit)
 {
@@ -44,15 +47,13 @@ int CZOR::bleDevice(std::vector<unsigned char> payload, bool waitForResponse, st
 
 void CZOR::storeStatusReply(const std::vector<unsigned char> &reply)
 {
-    std::memset(pszInBuf, 0, 8);
-    const size_t n = reply.size() < kIoBufferBytes ? reply.size() : kIoBufferBytes;
-    if (n)
-        std::memcpy(pszInBuf, reply.data(), n);
+    std::memset(pszInBuf.data(), 0, 8);
+    std::copy_n(reply.begin(), std::min(reply.size(), pszInBuf.size()), pszInBuf.begin());
 }
 
 void CZOR::parseStatus()
 {
-    const unsigned char *in = pszInBuf;
+    const unsigned char *in = pszInBuf.data();
     m_iEnabled = in[4];
     m_iBacklash = in[5];
     if (fwVersion < kFwStepBytes24) {
@@ -86,8 +87,6 @@ int CZOR::getParams(bool ble)
         if (result != ZOR_SUCCESS)
             return result;
     }
-    if (!pszInBuf)
-        return ZOR_ERROR_BAD_DATA;
     parseStatus();
     return ZOR_SUCCESS;
 }
@@ -97,9 +96,9 @@ int CZOR::clearError()
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!(m_bOpen && m_hDev) && !m_bBleConnected)
         return ZOR_ERROR_INVALID_ID;
-    std::memset(pszOutBuf, 0, kIoBufferBytes);
+    pszOutBuf.fill(0);
     const unsigned char request[] = {kReportIdOut, 0x7E, 0x5A, 0x02, 0x03};
-    std::memcpy(pszOutBuf, request, sizeof request);
+    std::memcpy(pszOutBuf.data(), request, sizeof request);
 
     if (m_bBleConnected) {
         std::vector<unsigned char> reply;
@@ -109,15 +108,15 @@ int CZOR::clearError()
         return result;
     }
 
-    int result = hid_send_feature_report(m_hDev, pszOutBuf, static_cast<size_t>(m_iOutputLen));
-    std::memset(pszInBuf, 0, kIoBufferBytes);
+    int result = hid_send_feature_report(m_hDev, pszOutBuf.data(), static_cast<size_t>(m_iOutputLen));
+    pszInBuf.fill(0);
     pszInBuf[0] = kReportIdIn;
-    result = hid_get_feature_report(m_hDev, pszInBuf, static_cast<size_t>(m_iInputLen));
+    result = hid_get_feature_report(m_hDev, pszInBuf.data(), static_cast<size_t>(m_iInputLen));
     if (pszInBuf[1] == 0x7E && pszInBuf[2] == 0x5A && pszInBuf[3] == 0x03) {
         if (m_bAutoClearError && pszInBuf[4] == kStateError) {
             const unsigned char clear[] = {kReportIdOut, 0x7E, 0x5A, 0x01, 0x0F};
-            std::memcpy(pszOutBuf, clear, sizeof clear);
-            result = hid_send_feature_report(m_hDev, pszOutBuf, static_cast<size_t>(m_iOutputLen));
+            std::memcpy(pszOutBuf.data(), clear, sizeof clear);
+            result = hid_send_feature_report(m_hDev, pszOutBuf.data(), static_cast<size_t>(m_iOutputLen));
         }
         return handleReportErr(result);
     }
@@ -130,7 +129,7 @@ int CZOR::clearError()
 int CZOR::sendControl(int iReset, bool ble)
 {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    unsigned char *out = pszOutBuf;
+    unsigned char *out = pszOutBuf.data();
     out[0] = kReportIdOut;
     out[1] = 0x7E;
     out[2] = 0x5A;
@@ -158,7 +157,7 @@ int CZOR::sendControl(int iReset, bool ble)
     if (!ble) {
         if (!m_bOpen || !m_hDev)
             return ZOR_ERROR_INVALID_ID;
-        const int written = hid_send_feature_report(m_hDev, pszOutBuf, static_cast<size_t>(m_iOutputLen));
+        const int written = hid_send_feature_report(m_hDev, out, static_cast<size_t>(m_iOutputLen));
         return handleReportErr(written);
     }
     std::vector<unsigned char> payload(out + 1, out + 16);
@@ -217,9 +216,11 @@ int CZOR::setMaxStep(int max, bool ble)
     return sendControl(2, ble);
 }
 
+// Caller mistakes get 3, never a crash: a backlash outside 0..255 or a
+// force outside 0..15 is refused before anything is sent.
 int CZOR::setBacklash(int backlash, bool ble)
 {
-    if (backlash > 255)
+    if (backlash < 0 || backlash > kMaxBacklash)
         return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     const int allowed = checkCanChange();
@@ -252,6 +253,8 @@ int CZOR::setReverse(bool on, bool ble)
 
 int CZOR::setMaxForce(int force, bool ble)
 {
+    if (force < 0 || force > kMaxForce)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     const int allowed = checkCanChange();
     if (allowed != ZOR_SUCCESS)

@@ -8,6 +8,13 @@
  *
  * Usable from C99 and C++. A few functions carry C++ (type-encoded) symbol
  * names; they are declared only when this header is compiled as C++.
+ *
+ * Caller mistakes are answered with ZOR_ERROR_INVALID_VALUE (3) and send
+ * nothing to the device: a null pointer where a call reads or writes a
+ * record or buffer, a negative length, a backlash outside 0..255 or a
+ * maximum force outside 0..15. Positions and the maximum step are clamped to
+ * the device's step range instead. ZORGetControlCaps answers a null record,
+ * like an index above 8, with ZOR_ERROR_INVALID_INDEX (1).
  */
 #ifndef ZOR_FOCUSER_H
 #define ZOR_FOCUSER_H
@@ -28,6 +35,10 @@
 
 #define ZOR_BLE_ID_BASE 50
 #define ZOR_MAX_NUM 128
+
+/* Bytes of a device reply that ZORSendCMD writes into pOut: report ID 0x01,
+ * the marks 7E 5A, the echoed command and the data. */
+#define ZOR_REPLY_BYTES 17
 
 typedef enum _ZOR_ERROR_CODE {
     ZOR_SUCCESS = 0,
@@ -187,7 +198,9 @@ ZOR_API ZOR_ERROR_CODE ZORGetSerialNumber(int ID, ZOR_SN *pSN);
 ZOR_API ZOR_ERROR_CODE ZORSetID(int ID, ZOR_ID alias);
 ZOR_API ZOR_ERROR_CODE ZORGetBatteryInfo(int ID, ZOR_BATTERY_INFO *pInfo);
 ZOR_API ZOR_ERROR_CODE ZORGetType(int ID, ZOR_TYPE *pType);
+/* pName: a buffer of at least 16 bytes; it receives "<model>_<name>". */
 ZOR_API ZOR_ERROR_CODE ZORGetBLEName(int ID, char *pName);
+/* pName: a NUL-terminated name of at most 11 bytes. */
 ZOR_API ZOR_ERROR_CODE ZORSetBLEName(int ID, char *pName);
 ZOR_API ZOR_ERROR_CODE ZORSetShippingMode(int ID);
 ZOR_API ZOR_ERROR_CODE ZORGetLedState(int ID, bool *pbVal);
@@ -213,6 +226,8 @@ ZOR_API ZOR_ERROR_CODE ZORBLEStartUpdate(int ID, int iArg);
 ZOR_API ZOR_ERROR_CODE ZORBLEWriteUpdateFile(int ID, ZOR_BLE_FILE_BUF buf);
 ZOR_API ZOR_ERROR_CODE ZORHidStartUpdate(int ID);
 ZOR_API ZOR_ERROR_CODE ZORHidWriteUpdateFile(int ID, ZOR_HID_FILE_BUF buf);
+/* 0 when the device restarted into the new image; 12 when it answered the
+ * end request instead, which means the update did not take. */
 ZOR_API ZOR_ERROR_CODE ZORHidEndUpdate(int ID);
 
 #ifdef __cplusplus
@@ -224,6 +239,10 @@ ZOR_API ZOR_ERROR_CODE ZORSetMaxForce(int ID, int iVal);
 ZOR_API ZOR_ERROR_CODE ZORGetMaxForce(int ID, int *piVal);
 ZOR_API ZOR_ERROR_CODE ZORGetSpeed(int ID, int *piVal);
 ZOR_API ZOR_ERROR_CODE ZORSetSpeed(int ID, int iVal);
+/* Sends iLen bytes of pCmd (1 or more; the report ID 0x03 first; cut to the
+ * report size) as one request. With bRead, the reply is read into pOut,
+ * which must hold ZOR_REPLY_BYTES bytes; nothing is written past them.
+ * Without bRead, pOut is not used and may be null. */
 ZOR_API ZOR_ERROR_CODE ZORSendCMD(int ID, unsigned char *pCmd, int iLen, bool bRead, unsigned char *pOut);
 ZOR_API ZOR_ERROR_CODE ZORSetRepeatTime(int ID, int iVal);
 ZOR_API ZOR_ERROR_CODE ZORSetClearErr(int ID, bool bVal);

@@ -225,7 +225,7 @@ TEST_F(BleBranches, WritesAndTheirPayloads)
     ASSERT_EQ(device.setMaxStep(0x0A1B2C, true), ZOR_SUCCESS); // clamped to 60000
     ASSERT_EQ(device.setBeep(true, true), ZOR_SUCCESS);
     ASSERT_EQ(device.setReverse(true, true), ZOR_SUCCESS);
-    ASSERT_EQ(device.setMaxForce(0x1C, true), ZOR_SUCCESS);
+    ASSERT_EQ(device.setMaxForce(0x0C, true), ZOR_SUCCESS);
     ASSERT_EQ(device.resetStep(-9, true), ZOR_SUCCESS);
     EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x03, 0, 17, 0, 0, 0, 0, 1, 0, 0, 0xC3, 0xEA, 0x60}));
     ASSERT_EQ(device.SetStep(0x012345, true), ZOR_SUCCESS);
