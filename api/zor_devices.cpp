@@ -66,12 +66,15 @@ int lowestFreeUsbId()
     return -1;
 }
 
-// Gives every scanned path an ID: its old one, or the lowest free one. USB
-// IDs stay below 50, since IDs from 50 up select the Bluetooth branch of
+// Gives every scanned path an ID: its old one, or the lowest free one. The
+// IDs of paths gone are freed first, so that a new path can take one at once.
+// USB IDs stay below 50, since IDs from 50 up select the Bluetooth branch of
 // every call: a path left without an ID is dropped from the enumeration.
 void assignIds()
 {
-    bool present[ZOR_MAX_NUM] = {};
+    for (int id = 0; id < ZOR_MAX_NUM; ++id)
+        if (!wasScanned(DevPathArray[id]))
+            DevPathArray[id][0] = '\0';
     int counted = 0;
     for (int i = 0; i < iConnectedZOR; ++i) {
         int id = idOfPath(DevPathScan[i]);
@@ -81,15 +84,11 @@ void assignIds()
                 continue;
             copyPath(DevPathArray[id], DevPathScan[i]);
         }
-        present[id] = true;
         if (counted != i)
             copyPath(DevPathScan[counted], DevPathScan[i]);
         ++counted;
     }
     iConnectedZOR = counted;
-    for (int id = 0; id < ZOR_MAX_NUM; ++id)
-        if (!present[id])
-            DevPathArray[id][0] = '\0';
 }
 
 // "ZOR", or "ZOR(alias)" when the device has an alias, and its step range.

@@ -193,11 +193,11 @@ int CZOR::getType(ZOR_TYPE *type, bool ble)
 
 int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
 {
+    if (!sn || len < 0)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bFwNew)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!sn || len < 0)
-        return ZOR_ERROR_INVALID_VALUE;
     std::memset(sn, 0, static_cast<size_t>(len));
     Reply reply;
     const int result = query(kGroupQuery, 0x0C, ble, reply);
@@ -229,11 +229,11 @@ int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
 
 int CZOR::setSerialNumber(unsigned char *sn, int len)
 {
+    if (!sn || len < 0)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bFwNew)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!sn || len < 0)
-        return ZOR_ERROR_INVALID_VALUE;
     if (!m_bOpen || !m_hDev)
         return ZOR_ERROR_INVALID_ID;
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x0C};
@@ -244,11 +244,11 @@ int CZOR::setSerialNumber(unsigned char *sn, int len)
 
 int CZOR::getAlias(unsigned char *alias, int len, bool ble)
 {
+    if (!alias || len < 0)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bFwNew)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!alias || len < 0)
-        return ZOR_ERROR_INVALID_VALUE;
     std::memset(alias, 0, static_cast<size_t>(len));
     Reply reply;
     const int result = query(kGroupQuery, 0x0D, ble, reply);
@@ -264,11 +264,11 @@ int CZOR::getAlias(unsigned char *alias, int len, bool ble)
 
 int CZOR::setAlias(unsigned char *alias, int len, bool ble)
 {
+    if (!alias || len < 0)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bFwNew)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!alias || len < 0)
-        return ZOR_ERROR_INVALID_VALUE;
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x0D};
     // No access outside a buffer: at most what the 16-byte request holds.
     std::memcpy(request + 4, alias, static_cast<size_t>(std::min(len, kRequestDataMax)));
@@ -284,11 +284,11 @@ int CZOR::setAlias(unsigned char *alias, int len, bool ble)
 
 int CZOR::getErrorCode(ZOR_ERROR_MSG *msg, bool ble)
 {
+    if (!msg)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bHasModelString)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!msg)
-        return ZOR_ERROR_INVALID_VALUE;
     std::memset(msg, 0, sizeof *msg);
     Reply reply;
     const int result = query(kGroupQuery, 0x05, ble, reply, 7);
@@ -317,11 +317,11 @@ int CZOR::getPowerOffReason(int *reason, bool ble)
 
 int CZOR::getBLEName(char *name, int len)
 {
+    if (!name || len <= 0)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bFwNew)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!name || len <= 0)
-        return ZOR_ERROR_INVALID_VALUE;
     Reply reply;
     const int result = query(0x1E, 0x01, false, reply);
     if (result != ZOR_SUCCESS) {
@@ -347,6 +347,8 @@ int CZOR::getBLEName(char *name, int len)
 
 int CZOR::setBLEName(char *name, int len, bool ble)
 {
+    if (!name)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bFwNew)
         return ZOR_ERROR_NOT_SUPPORTED;
@@ -355,8 +357,6 @@ int CZOR::setBLEName(char *name, int len, bool ble)
         ZOR_LOG("set zor ble name len invalid. len:%d", len);
         return ZOR_ERROR_INVALID_VALUE;
     }
-    if (!name)
-        return ZOR_ERROR_INVALID_VALUE;
     ZOR_LOG("set name is :%.*s", boundedLen(name, len), name);
     unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, 0x1E, 0x00};
     std::memcpy(request + 5, name, static_cast<size_t>(len));
@@ -388,11 +388,11 @@ int CZOR::setLEDState(bool on, bool ble)
 
 int CZOR::getLEDState(bool *on, bool ble)
 {
+    if (!on)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bHasModelString)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!on)
-        return ZOR_ERROR_INVALID_VALUE;
     const unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, kGroupQuery, 0x1F};
     Reply reply;
     const int result = query(request, sizeof request, ble, true, reply, 5);
@@ -405,11 +405,11 @@ int CZOR::getLEDState(bool *on, bool ble)
 
 int CZOR::getBatteryInfo(ZOR_BATTERY_INFO *info, bool ble)
 {
+    if (!info)
+        return ZOR_ERROR_INVALID_VALUE;
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (!m_bHasModelString)
         return ZOR_ERROR_NOT_SUPPORTED;
-    if (!info)
-        return ZOR_ERROR_INVALID_VALUE;
     const unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, kGroupQuery, 0x1E};
     Reply reply;
     // Over Bluetooth the decoder reads the whole answer, from its length byte on.

@@ -101,6 +101,71 @@ TEST_F(Controls, IdsOutsideTheTablesAreRefused)
     EXPECT_EQ(ZORGetBLEName(60, name), ZOR_ERROR_INVALID_ID);
 }
 
+// Caller mistakes: a null pointer wherever a call reads or writes through
+// one, lengths and values outside their range. Each is answered with a code
+// and reaches nothing of the focuser.
+TEST_F(Controls, CallerMistakesGetACodeAndSendNothing)
+{
+    const int device = add();
+    ASSERT_EQ(ZORGetNum(), 1);
+    ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
+    bool b;
+    unsigned char uc, cmd[16] = {3, 0x7e, 0x5a, 2, 3}, reply[ZOR_REPLY_BYTES];
+    char longName[] = "TwelveChars!";
+    const std::vector<std::pair<Call, ZOR_ERROR_CODE>> cases = {
+        {{"ZORGetID", [](int) { return ZORGetID(0, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetProperty", [](int id) { return ZORGetProperty(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORIsMoving", [&](int id) { return ZORIsMoving(id, nullptr, &b); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetPosition", [](int id) { return ZORGetPosition(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetTemp", [](int id) { return ZORGetTemp(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetBeep", [](int id) { return ZORGetBeep(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetMaxStep", [](int id) { return ZORGetMaxStep(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORStepRange", [](int id) { return ZORStepRange(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetBacklash", [](int id) { return ZORGetBacklash(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetReverse", [](int id) { return ZORGetReverse(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetMaxForce", [](int id) { return ZORGetMaxForce(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetSpeed", [](int id) { return ZORGetSpeed(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetFirmwareVersion", [&](int id) { return ZORGetFirmwareVersion(id, &uc, nullptr, &uc); }},
+         ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetSerialNumber", [](int id) { return ZORGetSerialNumber(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetBatteryInfo", [](int id) { return ZORGetBatteryInfo(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetType", [](int id) { return ZORGetType(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetBLEName", [](int id) { return ZORGetBLEName(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSetBLEName", [](int id) { return ZORSetBLEName(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetLedState", [](int id) { return ZORGetLedState(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetNumOfControls", [](int id) { return ZORGetNumOfControls(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetControlCaps", [](int id) { return ZORGetControlCaps(id, 0, nullptr); }}, ZOR_ERROR_INVALID_INDEX},
+        {{"ZORGetErrorCode", [](int id) { return ZORGetErrorCode(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORGetReason", [](int id) { return ZORGetReason(id, nullptr); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSendCMD null command", [&](int id) { return ZORSendCMD(id, nullptr, 5, true, reply); }},
+         ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSendCMD null reply", [&](int id) { return ZORSendCMD(id, cmd, 5, true, nullptr); }},
+         ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSendCMD length -1", [&](int id) { return ZORSendCMD(id, cmd, -1, false, nullptr); }},
+         ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSendCMD length 0", [&](int id) { return ZORSendCMD(id, cmd, 0, false, nullptr); }},
+         ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSetBLEName of 12", [&](int id) { return ZORSetBLEName(id, longName); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSetBacklash -5", [](int id) { return ZORSetBacklash(id, -5); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSetBacklash 256", [](int id) { return ZORSetBacklash(id, 256); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSetMaxForce -1", [](int id) { return ZORSetMaxForce(id, -1); }}, ZOR_ERROR_INVALID_VALUE},
+        {{"ZORSetMaxForce 16", [](int id) { return ZORSetMaxForce(id, 16); }}, ZOR_ERROR_INVALID_VALUE},
+    };
+    zorsim::clearTransfers(device);
+    for (const auto &[call, expected] : cases) {
+        EXPECT_EQ(call.second(0), expected) << call.first;
+        EXPECT_TRUE(zorsim::transfers(device).empty()) << call.first;
+    }
+    EXPECT_FALSE(anyBusy(0));
+
+    // A raw command reads no more than a reply's bytes into the caller's buffer.
+    unsigned char out[ZOR_REPLY_BYTES + 4];
+    std::memset(out, 0xEE, sizeof out);
+    ASSERT_EQ(ZORSendCMD(0, cmd, 5, true, out), ZOR_SUCCESS);
+    EXPECT_EQ(std::vector<unsigned char>(out, out + 4), (std::vector<unsigned char>{1, 0x7e, 0x5a, 3}));
+    EXPECT_EQ(std::vector<unsigned char>(out + ZOR_REPLY_BYTES, out + sizeof out), std::vector<unsigned char>(4, 0xEE));
+}
+
 TEST_F(Controls, SettersReachTheFocuserAndGettersReadItBack)
 {
     const int device = add();
@@ -115,6 +180,8 @@ TEST_F(Controls, SettersReachTheFocuserAndGettersReadItBack)
     EXPECT_EQ(ZORResetPostion(0, 777), ZOR_SUCCESS);
     EXPECT_EQ(ZORSetLedState(0, false), ZOR_SUCCESS);
     EXPECT_EQ(ZORSetID(0, ZOR_ID{{'S', 'c', 'o', 'p', 'e'}}), ZOR_SUCCESS);
+    char bleName[] = "Scope11";
+    EXPECT_EQ(ZORSetBLEName(0, bleName), ZOR_SUCCESS) << "names are set over USB too";
 
     const zorsim::DeviceState s = zorsim::state(device);
     EXPECT_EQ(s.backlash, 42);
@@ -125,6 +192,7 @@ TEST_F(Controls, SettersReachTheFocuserAndGettersReadItBack)
     EXPECT_EQ(s.position, 777);
     EXPECT_FALSE(s.ledOn);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(s.alias.data()), 5), "Scope");
+    EXPECT_EQ(s.bleName, "Scope11");
 
     int value = 0;
     bool flag = false;
@@ -142,6 +210,9 @@ TEST_F(Controls, SettersReachTheFocuserAndGettersReadItBack)
     EXPECT_TRUE(flag);
     EXPECT_EQ(ZORGetLedState(0, &flag), ZOR_SUCCESS);
     EXPECT_FALSE(flag);
+    char nameBack[16];
+    EXPECT_EQ(ZORGetBLEName(0, nameBack), ZOR_SUCCESS);
+    EXPECT_STREQ(nameBack, "ZOR Pro_Scope11");
     ZOR_INFO info;
     EXPECT_EQ(ZORGetProperty(0, &info), ZOR_SUCCESS);
     EXPECT_STREQ(info.Name, "ZOR(Scope)");

@@ -26,6 +26,25 @@ TEST_F(Devices, IdsStayWithTheirDevicesAndFreedIdsAreReused)
     EXPECT_STREQ(DevPathArray[1], zorsim::devicePath(second).c_str());
 }
 
+// IDs from 50 up select the Bluetooth branch, so a fifty-first USB focuser
+// gets no ID and is not counted until an ID is freed.
+TEST_F(Devices, UsbIdsStayBelowFifty)
+{
+    for (int n = 0; n <= ZOR_BLE_ID_BASE; ++n)
+        add();
+    ASSERT_EQ(ZORGetNum(), ZOR_BLE_ID_BASE);
+    for (int index = 0; index < ZOR_BLE_ID_BASE; ++index)
+        EXPECT_EQ(idAt(index), index);
+    EXPECT_EQ(DevPathArray[ZOR_BLE_ID_BASE][0], '\0');
+    int step = 0;
+    EXPECT_EQ(ZORGetPosition(ZOR_BLE_ID_BASE, &step), ZOR_ERROR_BLE_NOT_CONNECTED);
+
+    zorsim::unplug(10);
+    ASSERT_EQ(ZORGetNum(), ZOR_BLE_ID_BASE);
+    EXPECT_STREQ(DevPathArray[10], zorsim::devicePath(ZOR_BLE_ID_BASE).c_str()) << "the last one takes the freed ID";
+    EXPECT_EQ(idAt(ZOR_BLE_ID_BASE - 1), 10);
+}
+
 TEST_F(Devices, IndexOutsideTheEnumerationLeavesTheIdAlone)
 {
     add();
