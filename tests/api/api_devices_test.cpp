@@ -1,7 +1,27 @@
 // Enumeration, IDs, open, close and the property record.
 #include "api_fixture.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <dlfcn.h>
+#include <functional>
+
+namespace {
+// When positive, the call of this number from now fails.
+std::atomic<int> failingLockTypeCall{0};
+} // namespace
+
+// The program's own definition comes before the system's: it lets the making
+// of a lock fail on request.
+extern "C" int pthread_mutexattr_settype(pthread_mutexattr_t *attr, int type)
+{
+    if (failingLockTypeCall > 0 && --failingLockTypeCall == 0)
+        return ENOMEM;
+    using Settype = int (*)(pthread_mutexattr_t *, int);
+    static const auto system = reinterpret_cast<Settype>(dlsym(RTLD_NEXT, "pthread_mutexattr_settype"));
+    return system(attr, type);
+}
 
 namespace {
 
@@ -81,10 +101,25 @@ TEST_F(Devices, FailedOpenLeavesNothingBehind)
 {
     const int device = add();
     ASSERT_EQ(ZORGetNum(), 1);
-    zorsim::failNextOpens(device, 1);
-    EXPECT_EQ(ZOROpen(0), ZOR_ERROR_REMOVED);
-    EXPECT_EQ(pZOR[0].load(), nullptr);
+    const struct {
+        const char *cause;
+        std::function<void()> arrange;
+        ZOR_ERROR_CODE result;
+    } cases[] = {
+        {"the device refuses", [&] { zorsim::failNextOpens(device, 1); }, ZOR_ERROR_REMOVED},
+        {"the tenth lock cannot be made", [] { failingLockTypeCall = 10; }, ZOR_ERROR_GENERAL_ERROR},
+    };
+    for (const auto &c : cases) {
+        c.arrange();
+        EXPECT_EQ(ZOROpen(0), c.result) << c.cause;
+        EXPECT_EQ(pZOR[0].load(), nullptr) << c.cause;
+        EXPECT_FALSE(MutexCamPt[0].Initialised) << c.cause;
+        EXPECT_EQ(zorsim::openHandles(device), 0) << c.cause;
+        int step = 0;
+        EXPECT_EQ(ZORGetPosition(0, &step), ZOR_ERROR_CLOSED) << c.cause;
+    }
     EXPECT_EQ(ZOROpen(0), ZOR_SUCCESS);
+    EXPECT_TRUE(MutexCamPt[0].Initialised);
 }
 
 TEST_F(Devices, EnumerationClosesAnOpenDeviceThatVanished)
