@@ -1,4 +1,5 @@
-// Status, control and identity commands over USB, against virtual focusers.
+// Status, control and identity commands against virtual focusers, over USB
+// and, where a command has both branches, over Bluetooth too.
 #include "usb_fixture.h"
 
 #include <array>
@@ -24,49 +25,51 @@ int addConfigured(Model model, int firmware, int reportSize = 64)
     return zorsim::addDevice(c);
 }
 
-std::vector<int> params(CZOR &d)
+INSTANTIATE_TEST_SUITE_P(BothLinks, LinkTest, ::testing::Bool(), linkName);
+
+std::vector<int> params(CZOR &d, bool ble)
 {
     int step = 0, maxStep = 0, speed = 0, backlash = 0, force = 0;
     bool beep = false, reverse = true;
-    EXPECT_EQ(d.getStep(&step, false) | d.getMaxStep(&maxStep, false) | d.getSpeed(&speed, false) |
-                  d.getBacklash(&backlash, false) | d.getMaxForce(&force, false) | d.getBeep(&beep, false) |
-                  d.getReverse(&reverse, false),
+    EXPECT_EQ(d.getStep(&step, ble) | d.getMaxStep(&maxStep, ble) | d.getSpeed(&speed, ble) |
+                  d.getBacklash(&backlash, ble) | d.getMaxForce(&force, ble) | d.getBeep(&beep, ble) |
+                  d.getReverse(&reverse, ble),
               0);
     return {step, maxStep, speed, backlash, force, beep, reverse};
 }
 
-TEST_F(UsbDeviceTest, StatusRecordInBothLayouts)
+TEST_P(LinkTest, StatusRecordInBothLayouts)
 {
-    auto narrow = open(addConfigured(Model::Old, 335, 16));
-    EXPECT_EQ(params(*narrow), (std::vector<int>{0x1234, 0xBEEF, 2500, 77, 9, 1, 0}));
-    const int n = addConfigured(Model::Pro, 382);
-    auto wide = open(n);
-    ASSERT_EQ(wide->resetStep(0x054321, false), ZOR_SUCCESS);
-    ASSERT_EQ(wide->setMaxStep(0x08ABCD, false), ZOR_SUCCESS);
-    EXPECT_EQ(params(*wide), (std::vector<int>{0x054321, 0x08ABCD, 0, 77, 9, 1, 0})); // no speed from 336 on
+    auto narrow = openOnLink(addConfigured(Model::Old, 335, 16), 16);
+    EXPECT_EQ(params(*narrow, ble()), (std::vector<int>{0x1234, 0xBEEF, 2500, 77, 9, 1, 0}));
+    auto wide = openOnLink(addConfigured(Model::Pro, 382));
+    ASSERT_EQ(wide->resetStep(0x054321, ble()), ZOR_SUCCESS);
+    ASSERT_EQ(wide->setMaxStep(0x08ABCD, ble()), ZOR_SUCCESS);
+    EXPECT_EQ(params(*wide, ble()), (std::vector<int>{0x054321, 0x08ABCD, 0, 77, 9, 1, 0})); // no speed from 336 on
 }
 
-TEST_F(UsbDeviceTest, ControlRecordLayoutsAndClamps)
+TEST_P(LinkTest, ControlRecordLayoutsAndClamps)
 {
     const int narrow = addConfigured(Model::Old, 321, 16);
-    auto old = open(narrow);
+    auto old = openOnLink(narrow, 16);
     takeReports(narrow);
-    ASSERT_EQ(old->SetStep(-5, false), ZOR_SUCCESS);
-    ASSERT_EQ(old->stopMove(false), ZOR_SUCCESS);
-    ASSERT_EQ(old->SetStep(70000, false), ZOR_SUCCESS);
+    ASSERT_EQ(old->SetStep(-5, ble()), ZOR_SUCCESS);
+    ASSERT_EQ(old->stopMove(ble()), ZOR_SUCCESS);
+    ASSERT_EQ(old->SetStep(70000, ble()), ZOR_SUCCESS);
     std::vector<Bytes> r = takeReports(narrow);
     ASSERT_EQ(r.size(), 4u);
     // Speed word 2500 in bytes 6 and 7; flags: beep, force 9.
     EXPECT_EQ(r[0], (Bytes{0x03, 0x7E, 0x5A, 0x03, 1, 77, 0x09, 0xC4, 0, 0, 0, 0, 0, 0x91, 0xBE, 0xEF}));
     EXPECT_EQ(slice(r[3], 4, 10), (Bytes{1, 77, 0x09, 0xC4, 0xEA, 0x60})); // clamped to 60000
+    EXPECT_TRUE(!ble() || (lastPayload().size() == 15 && !lastWaited())) << "the record from byte 1 on, unanswered";
 
     const int wide = addConfigured(Model::Pro, 382);
-    auto pro = open(wide);
-    ASSERT_EQ(pro->setMaxStep(700000, false), ZOR_SUCCESS);
-    ASSERT_EQ(pro->setReverse(true, false), ZOR_SUCCESS);
+    auto pro = openOnLink(wide);
+    ASSERT_EQ(pro->setMaxStep(700000, ble()), ZOR_SUCCESS);
+    ASSERT_EQ(pro->setReverse(true, ble()), ZOR_SUCCESS);
     takeReports(wide);
-    ASSERT_EQ(pro->resetStep(0x023456, false), ZOR_SUCCESS);
-    ASSERT_EQ(pro->SetStep(900000, false), ZOR_SUCCESS);
+    ASSERT_EQ(pro->resetStep(0x023456, ble()), ZOR_SUCCESS);
+    ASSERT_EQ(pro->SetStep(900000, ble()), ZOR_SUCCESS);
     r = takeReports(wide);
     ASSERT_EQ(r.size(), 2u);
     ASSERT_EQ(r[0].size(), 64u);
@@ -76,32 +79,33 @@ TEST_F(UsbDeviceTest, ControlRecordLayoutsAndClamps)
     EXPECT_EQ(zorsim::state(wide).position, 0x023456);
 }
 
-TEST_F(UsbDeviceTest, MovingRefusesSettersUntilItEnds)
+TEST_P(LinkTest, MovingRefusesSettersUntilItEnds)
 {
+    const bool b = ble();
     const int n = addConfigured(Model::Pro, 382);
-    auto device = open(n);
-    ASSERT_EQ(device->SetStep(0x1234 + 100, false), ZOR_SUCCESS);
+    auto device = openOnLink(n);
+    ASSERT_EQ(device->SetStep(0x1234 + 100, b), ZOR_SUCCESS);
     takeReports(n);
-    for (int result : {device->SetStep(0, false), device->setBacklash(5, false), device->setMaxStep(5, false),
-                       device->resetStep(5, false), device->setBeep(false, false), device->setReverse(false, false),
-                       device->setMaxForce(1, false), device->SetSpeed(100), device->saveFWConf()})
+    for (int result : {device->SetStep(0, b), device->setBacklash(5, b), device->setMaxStep(5, b),
+                       device->resetStep(5, b), device->setBeep(false, b), device->setReverse(false, b),
+                       device->setMaxForce(1, b), device->SetSpeed(100), device->saveFWConf()})
         EXPECT_EQ(result, ZOR_ERROR_MOVING);
     EXPECT_TRUE(takeReports(n).empty());
     bool moving = false, byDevice = false, hand = true;
-    ASSERT_EQ(device->isMoving(&moving, &byDevice, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->isMoving(&moving, &byDevice, b), ZOR_SUCCESS);
     EXPECT_TRUE(moving && byDevice);
     zorsim::advance(std::chrono::seconds(1));
-    ASSERT_EQ(device->isMoving(&moving, &byDevice, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->isMoving(&moving, &byDevice, b), ZOR_SUCCESS);
     EXPECT_FALSE(moving);
-    ASSERT_EQ(device->isHandControl(&hand, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->isHandControl(&hand, b), ZOR_SUCCESS);
     EXPECT_FALSE(hand);
-    EXPECT_EQ(device->setBacklash(5, false), ZOR_SUCCESS);
+    EXPECT_EQ(device->setBacklash(5, b), ZOR_SUCCESS);
     // Hand-controller motion shows only as the device's motion flag.
     zorsim::setHandController(n, true);
     zorsim::pressHandButton(n, 1);
-    ASSERT_EQ(device->isMoving(&moving, &byDevice, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->isMoving(&moving, &byDevice, b), ZOR_SUCCESS);
     EXPECT_TRUE(moving && byDevice);
-    EXPECT_EQ(device->setBacklash(6, false), ZOR_SUCCESS);
+    EXPECT_EQ(device->setBacklash(6, b), ZOR_SUCCESS);
 
     CZOR closed;
     EXPECT_EQ(closed.setBacklash(256, false), ZOR_ERROR_INVALID_VALUE);
@@ -202,42 +206,66 @@ TEST_F(UsbDeviceTest, SerialNumberPackingAndGates)
         EXPECT_EQ(result, ZOR_ERROR_NOT_SUPPORTED);
 }
 
-TEST_F(UsbDeviceTest, IdentityWritesAndReads)
+TEST_P(LinkTest, IdentityWritesAndReads)
 {
+    const bool b = ble();
     const int n = addConfigured(Model::Pro, 382);
-    auto device = open(n);
+    auto device = openOnLink(n);
+    unsigned char major = 0, minor = 0, build = 0;
+    ASSERT_EQ(device->getFwVer(&major, &minor, &build, b), ZOR_SUCCESS);
+    EXPECT_EQ(Bytes({major, minor, build}), (Bytes{3, 8, 2}));
     ZOR_TYPE type;
-    ASSERT_EQ(device->getType(&type, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->getType(&type, b), ZOR_SUCCESS);
     EXPECT_STREQ(type.Type, "ZOR Pro");
+    unsigned char sn[10];
+    std::memset(sn, 0xEE, sizeof sn);
+    ASSERT_EQ(device->getSerialNumber(sn, 8, b), ZOR_SUCCESS);
+    EXPECT_EQ(Bytes(sn, sn + 10), (Bytes{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF1, 0xEE, 0xEE}));
     unsigned char alias[8] = {'G', 'u', 'i', 'd', 'e', 'r', 'O', 'K'}, back[9] = {};
-    ASSERT_EQ(device->setAlias(alias, 8, false), ZOR_SUCCESS);
-    ASSERT_EQ(device->getAlias(back, 8, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->setAlias(alias, 8, b), ZOR_SUCCESS);
+    EXPECT_TRUE(!b || lastWaited()) << "the alias write is answered";
+    ASSERT_EQ(device->getAlias(back, 8, b), ZOR_SUCCESS);
     EXPECT_STREQ(reinterpret_cast<char *>(back), "GuiderOK");
-    unsigned char sn[8] = {8, 7, 6, 5, 4, 3, 2, 1};
-    ASSERT_EQ(device->setSerialNumber(sn, 8), ZOR_SUCCESS);
-    EXPECT_EQ(zorsim::state(n).serial, (std::array<uint8_t, 8>{8, 7, 6, 5, 4, 3, 2, 1}));
+    ZOR_ERROR_MSG msg;
+    zorsim::setErrorCodes(n, '5', '7');
+    ASSERT_EQ(device->getErrorCode(&msg, b), ZOR_SUCCESS);
+    EXPECT_EQ(std::string(msg.MotorErrorCode) + msg.BatteryErrorCode, "E5E7");
 
     // The name report carries zeros after the name, whatever the buffer held.
     char name[] = "Scope11", out[32];
-    ASSERT_EQ(device->setBLEName(name, 7, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->setBLEName(name, 7, b), ZOR_SUCCESS);
     EXPECT_EQ(zorsim::state(n).bleName, "Scope11");
+    EXPECT_TRUE(!b || lastPayload() == (Bytes{0x7E, 0x5A, 0x1E, 0, 'S', 'c', 'o', 'p', 'e', '1', '1'}));
     ASSERT_EQ(device->getBLEName(out, sizeof out), ZOR_SUCCESS);
     EXPECT_STREQ(out, "ZOR Pro_Scope11");
     std::memset(out, 'x', sizeof out);
     ASSERT_EQ(device->getBLEName(out, 6), ZOR_SUCCESS); // never past the buffer
     EXPECT_EQ(std::string(out, 7), std::string("ZOR P\0x", 7));
-    ASSERT_EQ(device->setBLEName(name, 0, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->setBLEName(name, 0, b), ZOR_SUCCESS);
     ASSERT_EQ(device->getBLEName(out, sizeof out), ZOR_SUCCESS); // no name: left alone
     EXPECT_EQ(std::string(out, 7), std::string("ZOR P\0x", 7));
 
     bool on = true;
-    ASSERT_EQ(device->setLEDState(false, false), ZOR_SUCCESS);
-    ASSERT_EQ(device->getLEDState(&on, false), ZOR_SUCCESS);
-    EXPECT_FALSE(on || zorsim::state(n).ledOn);
+    ASSERT_EQ(device->setLEDState(false, b), ZOR_SUCCESS);
+    EXPECT_TRUE(!b || (lastPayload() == Bytes{0x7E, 0x5A, 0x20, 0x00} && !lastWaited()));
+    ASSERT_EQ(device->getLEDState(&on, b), ZOR_SUCCESS);
+    EXPECT_FALSE(on || zorsim::state(n).ledOn || CZORTestAccess::ledOn(*device));
     int reason = 0;
     zorsim::setPowerOffReason(n, 1);
-    ASSERT_EQ(device->getPowerOffReason(&reason, false), ZOR_SUCCESS);
+    ASSERT_EQ(device->getPowerOffReason(&reason, b), ZOR_SUCCESS);
     EXPECT_EQ(reason, 1);
+    ASSERT_EQ(device->setShippingMode(b), ZOR_SUCCESS);
+    EXPECT_TRUE(zorsim::state(n).shippingRequested);
+    EXPECT_TRUE(!b || lastPayload() == (Bytes{0x7E, 0x5A, 0x1F, 0x00}));
+}
+
+TEST_F(UsbDeviceTest, SerialWriteBatteryAndFactoryMode)
+{
+    const int n = addConfigured(Model::Pro, 382);
+    auto device = open(n);
+    unsigned char sn[8] = {8, 7, 6, 5, 4, 3, 2, 1};
+    ASSERT_EQ(device->setSerialNumber(sn, 8), ZOR_SUCCESS);
+    EXPECT_EQ(zorsim::state(n).serial, (std::array<uint8_t, 8>{8, 7, 6, 5, 4, 3, 2, 1}));
     zorsim::Battery b;
     b.temperature = -40;
     b.voltage = 11900;
@@ -249,8 +277,7 @@ TEST_F(UsbDeviceTest, IdentityWritesAndReads)
     zorsim::setBattery(n, b);
     EXPECT_EQ(device->getBatteryInfo(&info, false), ZOR_ERROR_BATTERY_DATA);
     ASSERT_EQ(device->setFactoryMode(), ZOR_SUCCESS);
-    ASSERT_EQ(device->setShippingMode(false), ZOR_SUCCESS);
-    EXPECT_TRUE(zorsim::state(n).factoryMode && zorsim::state(n).shippingRequested);
+    EXPECT_TRUE(zorsim::state(n).factoryMode);
 }
 
 } // namespace
