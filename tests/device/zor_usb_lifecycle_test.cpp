@@ -4,7 +4,6 @@
 
 #include "log_lines.h"
 
-#include <thread>
 
 using zorsim::Direction;
 using zorsim::Model;
@@ -190,26 +189,6 @@ TEST_F(UsbTransport, VanishedDeviceGivesCodesNotCrashes)
     device->close();
     EXPECT_FALSE(device->isOpen());
     EXPECT_EQ(zorsim::invalidHandleUses(), 0);
-}
-
-TEST_F(UsbTransport, ConcurrentCallersOnOneDevice)
-{
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([this, t] {
-            int value = 0;
-            float temp = 0;
-            for (int i = 0; i < 50; ++i) {
-                if (t == 0)
-                    device->setBacklash(i, false);
-                const int result = t == 1 ? device->getTemp(&temp, false) : device->getStep(&value, false);
-                EXPECT_EQ(result, ZOR_SUCCESS);
-            }
-        });
-    }
-    for (std::thread &t : threads)
-        t.join();
-    EXPECT_EQ(zorsim::state(n).backlash, 49);
 }
 
 TEST_F(UsbDeviceTest, UpdateOnShortReportsGoesInElevenByteChunks)
