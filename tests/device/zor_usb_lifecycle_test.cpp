@@ -19,7 +19,10 @@ TEST_F(UsbDeviceTest, OpenLearnsReportSizeRangeAndFeaturesPerGeneration)
     };
     const Case cases[] = {{Model::Old, 335, 16, 60000, {2}},
                           {Model::Old, 336, 64, 600000, {2}},
+                          {Model::N, 369, 64, 600000, {1, 2, 3, 5}},
                           {Model::N, 370, 64, 600000, {1, 2, 3, 5, 7}},
+                          {Model::Pro, 369, 64, 600000, {0, 1, 2, 3, 4, 5}},
+                          {Model::Pro, 381, 64, 600000, {0, 1, 2, 3, 4, 5, 7}},
                           {Model::Pro, 382, 16, 600000, {0, 1, 2, 3, 4, 5, 7, 6}}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.firmware);
