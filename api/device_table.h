@@ -41,8 +41,9 @@ extern int g_BleStartId;
 inline bool isTableId(int id) { return id >= 0 && id < ZOR_MAX_NUM; }
 inline bool hasPath(int id) { return isTableId(id) && DevPathArray[id][0] != '\0'; }
 
-// Creates the 64 locks of a record and marks it initialised. Returns 0, or the system's result when a lock could not be
-// made; the record is then left uninitialised with no lock in it.
+// Creates the 64 locks of a record and marks it initialised. Returns 0, or
+// the system's result when a lock could not be made; the record is then left
+// uninitialised with no lock in it.
 int initLockRecord(LockRecord &record);
 // Takes every lock of a record, lowest family first.
 void lockAllFamilies(LockRecord &record);

@@ -157,10 +157,9 @@ ZOR_ERROR_CODE ZORGetFirmwareVersion(int ID, unsigned char *major, unsigned char
 
 ZOR_ERROR_CODE ZORGetSerialNumber(int ID, ZOR_SN *pSN)
 {
-    return onEitherLink(__func__, ID, kSerialNumber, "get serial sumber failed\n",
-                        [&](CZOR &z, bool ble) {
-                            return z.getSerialNumber(pSN ? pSN->id : nullptr, sizeof pSN->id, ble);
-                        });
+    return onEitherLink(__func__, ID, kSerialNumber, "get serial sumber failed\n", [&](CZOR &z, bool ble) {
+        return z.getSerialNumber(pSN ? pSN->id : nullptr, sizeof pSN->id, ble);
+    });
 }
 
 ZOR_ERROR_CODE ZORSetID(int ID, ZOR_ID alias)

@@ -191,6 +191,8 @@ int CZOR::getType(ZOR_TYPE *type, bool ble)
     return ZOR_SUCCESS;
 }
 
+// Caller mistakes get 3, never a crash: each query checks the caller's buffer
+// before its feature gate, so a null one is answered alike on every device.
 int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
 {
     if (!sn || len < 0)
