@@ -168,6 +168,7 @@ ZOR_API int ZORCheck(int iVID, int iPID);
 ZOR_API void ZORDbgPrint(const char *func, const char *fmt, ...);
 
 /* Enumeration, open and close */
+/* USB focusers get IDs 0-49; one found beyond fifty is not counted until an ID is free. */
 ZOR_API int ZORGetNum(void);
 ZOR_API ZOR_ERROR_CODE ZORGetID(int index, int *ID);
 ZOR_API ZOR_ERROR_CODE ZORGetProperty(int ID, ZOR_INFO *pInfo);
