@@ -88,7 +88,7 @@ void describe(CZOR &device, bool ble, ZOR_INFO *pInfo, const char *aliasFailure)
         std::strcat(pInfo->Name, "(");
         std::strncat(pInfo->Name, reinterpret_cast<const char *>(alias), aliasLength);
         std::strcat(pInfo->Name, ")");
-        ZOR_LOG("Alias Name: %s", pInfo->Name);
+        ZOR_LOG_AS("ZORGetProperty", "Alias Name: %s", pInfo->Name);
     }
     pInfo->MaxStep = kDefaultMaxStep;
     int range = kDefaultMaxStep;
@@ -149,7 +149,7 @@ ZOR_ERROR_CODE ZOROpen(int ID)
         }
         CZOR *device = new CZOR();
         pZOR[ID] = device;
-        ZOR_LOG("ID%d: %s", ID, DevPathArray[ID]);
+        ZOR_LOG_AS("ZOROpen", "ID%d: %s", ID, DevPathArray[ID]);
         if (!device->open(DevPathArray[ID])) {
             ZORClose(ID);
             return ZOR_ERROR_REMOVED;

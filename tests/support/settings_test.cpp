@@ -8,25 +8,28 @@
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <pthread.h>
 #include <regex>
 #include <string>
 #include <sys/stat.h>
 #include <tinyxml.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr char kFile[] = "ZORconfig.xml";
 
 class Settings : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { buildSettingsKeyPath(keyPath, sizeof keyPath); }
 
     std::string configPath() const { return zor_test::sandboxHome() + "/.KVO/" + kFile; }
     std::string configText() const { return zor_test::readFile(configPath()); }
     void writeConfig(const std::string &text) const
     {
-        mkdir((zor_test::sandboxHome() + "/.KVO").c_str(), 0777);
+        mkdir((zor_test::sandboxHome() + "/.KVO").c_str(), 0700);
         std::ofstream(configPath()) << text;
     }
     static std::string keyXml(const std::string &values)
@@ -39,80 +42,169 @@ protected:
     char keyPath[256] = {};
 };
 
-TEST_F(Settings, KeyPathNamesTheDriverBox) { EXPECT_STREQ(keyPath, "software\\KVO_Drivebox"); }
-
-TEST_F(Settings, FirstSaveCreatesTheFileWithDatedKeysAndFiveValues)
+TEST_F(Settings, SavesReplaceTheFileWholeInAPrivateDirectory)
 {
-    DeviceSettings s;
-    s.position = 30000;
-    s.backlash = 12;
-    s.beep = true;
-    s.maxStep = 60000;
-    s.reverse = false;
-    saveDeviceSettings(keyPath, s);
+    // A link planted in place of the file must be replaced, not written through.
+    const std::string victim = zor_test::makeTempDir("elsewhere") + "/victim";
+    std::ofstream(victim) << "precious";
+    writeConfig("");
+    ASSERT_EQ(std::remove(configPath().c_str()), 0);
+    ASSERT_EQ(symlink(victim.c_str(), configPath().c_str()), 0);
 
-    struct stat st {};
-    ASSERT_EQ(stat((zor_test::sandboxHome() + "/.KVO").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0777u);
-
-    const std::string text = configText();
-    EXPECT_EQ(text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\" ?>", 0), 0u) << text;
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(<software date="\d{8}_\d{6}">)"))) << text;
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(<KVO_Drivebox date="\d{8}_\d{6}">)"))) << text;
-    const std::regex values(R"(<Position type="4">30750000</Position>\s*<Backlash type="4">0c000000</Backlash>\s*)"
-                            R"(<Beep type="4">01000000</Beep>\s*<MaxStep type="4">60ea0000</MaxStep>\s*)"
-                            R"(<Reverse type="4">00000000</Reverse>)");
-    EXPECT_TRUE(std::regex_search(text, values)) << text;
-}
-
-TEST_F(Settings, SavedValuesLoadBackAndReplaceInPlace)
-{
     DeviceSettings first;
     first.position = 1234;
     saveDeviceSettings(keyPath, first);
+    EXPECT_EQ(zor_test::readFile(victim), "precious");
+    struct stat st {};
+    ASSERT_EQ(lstat(configPath().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    const ino_t firstFile = st.st_ino;
+
     DeviceSettings second;
-    second.position = 4321;
-    second.backlash = 200;
+    second.position = 30000;
+    second.backlash = 12;
     second.beep = true;
-    second.maxStep = 500000;
-    second.reverse = true;
+    second.maxStep = 60000;
     saveDeviceSettings(keyPath, second);
 
-    DeviceSettings loaded;
-    ASSERT_TRUE(loadDeviceSettings(keyPath, 60000, loaded));
-    EXPECT_EQ(loaded.position, 4321);
-    EXPECT_EQ(loaded.backlash, 200);
-    EXPECT_TRUE(loaded.beep);
-    EXPECT_EQ(loaded.maxStep, 500000);
-    EXPECT_TRUE(loaded.reverse);
+    ASSERT_EQ(stat(configPath().c_str(), &st), 0);
+    EXPECT_NE(st.st_ino, firstFile) << "a new file is renamed over the old one";
+    ASSERT_EQ(stat((zor_test::sandboxHome() + "/.KVO").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    std::string left;
+    for (const auto &entry : std::filesystem::directory_iterator(zor_test::sandboxHome() + "/.KVO"))
+        left += entry.path().filename().string() + " ";
+    EXPECT_EQ(left, std::string(kFile) + " ") << "no temporary file stays behind";
 
     const std::string text = configText();
+    EXPECT_EQ(text.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\" ?>", 0), 0u) << text;
+    EXPECT_TRUE(std::regex_search(text, std::regex(R"(<software date="\d{8}_\d{6}">\s*)"
+                                                   R"(<KVO_Drivebox date="\d{8}_\d{6}">)")))
+        << text;
+    const std::regex values(
+        R"(<Position type="4">30750000</Position>\s*<Backlash type="4">0c000000</Backlash>\s*)"
+        R"(<Beep type="4">01000000</Beep>\s*<MaxStep type="4">60ea0000</MaxStep>\s*)"
+        R"(<Reverse type="4">00000000</Reverse>)");
+    EXPECT_TRUE(std::regex_search(text, values)) << text;
     EXPECT_EQ(text.find("<Position"), text.rfind("<Position")) << "one element per value\n" << text;
 }
 
-TEST_F(Settings, MissingFileLeavesTheCallersValues)
+std::string nested(int depth)
 {
-    DeviceSettings s;
-    s.position = 77;
-    EXPECT_FALSE(loadDeviceSettings(keyPath, 60000, s));
-    EXPECT_EQ(s.position, 77);
+    std::string text = "<?xml version=\"1.0\" ?>";
+    for (int i = 0; i < depth; ++i)
+        text += "<software>";
+    return text;
 }
 
-TEST_F(Settings, MissingAndSentinelValuesTakeDefaults)
+// Loads on a thread with the 512 KiB stack of a macOS secondary thread, where
+// a recursive parse of a few thousand nested elements would overflow.
+bool loadOnSmallStack(const char *keyPath, DeviceSettings &settings)
 {
-    writeConfig(keyXml("<Position type=\"4\">ffffffff</Position><MaxStep type=\"4\">ffffffff</MaxStep>"
-                       "<Beep type=\"4\">02000000</Beep><Reverse type=\"4\">01000000</Reverse>"));
-    DeviceSettings s;
-    ASSERT_TRUE(loadDeviceSettings(keyPath, 60000, s));
-    EXPECT_EQ(s.position, kUnsetPosition);
-    EXPECT_EQ(s.backlash, 0);
-    EXPECT_FALSE(s.beep) << "only 1 means on";
-    EXPECT_EQ(s.maxStep, 60000);
-    EXPECT_TRUE(s.reverse);
+    struct Call {
+        const char *keyPath;
+        DeviceSettings *settings;
+        bool loaded;
+    } call{keyPath, &settings, false};
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 512 * 1024);
+    pthread_t thread;
+    const auto run = [](void *arg) -> void * {
+        auto *c = static_cast<Call *>(arg);
+        c->loaded = loadDeviceSettings(c->keyPath, 60000, *c->settings);
+        return nullptr;
+    };
+    EXPECT_EQ(pthread_create(&thread, &attr, run, &call), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+    return call.loaded;
+}
 
-    writeConfig(keyXml("<MaxStep type=\"4\">feffffff</MaxStep>"));
-    ASSERT_TRUE(loadDeviceSettings(keyPath, 600000, s));
-    EXPECT_EQ(s.maxStep, 600000);
+struct LoadCase {
+    const char *name;
+    std::string text; // the file's text; written behind a link when `linked`
+    bool linked;
+    bool loads;
+    DeviceSettings expected; // the caller's values stay when the file does not load
+};
+
+std::string int32Hex(int32_t value)
+{
+    char hex[9];
+    std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x", value & 0xff, (value >> 8) & 0xff,
+                  (value >> 16) & 0xff, (value >> 24) & 0xff);
+    return hex;
+}
+
+std::string values(std::initializer_list<std::pair<const char *, int32_t>> stored)
+{
+    std::string xml;
+    for (const auto &[name, value] : stored)
+        xml += std::string("<") + name + " type=\"4\">" + int32Hex(value) + "</" + name + ">";
+    return xml;
+}
+
+TEST_F(Settings, FileTextGivesTheLoadedValues)
+{
+    const DeviceSettings callers{77, 7, true, 7, true};
+    const DeviceSettings defaults{kUnsetPosition, 0, false, 60000, false};
+    const std::string stored =
+        values({{"Position", 4321}, {"Backlash", 200}, {"Beep", 1}, {"MaxStep", 50000}, {"Reverse", 1}});
+    const LoadCase cases[] = {
+        {"no file", "", false, false, callers},
+        {"stored values", keyXml(stored), false, true, {4321, 200, true, 50000, true}},
+        {"empty key", keyXml(""), false, true, defaults},
+        {"-1 and -2 mean missing; only 1 means on",
+         keyXml(values({{"Position", -1}, {"MaxStep", -2}, {"Beep", 2}, {"Reverse", 1}})),
+         false,
+         true,
+         {kUnsetPosition, 0, false, 60000, true}},
+        {"out of range", keyXml(values({{"Position", 60001}, {"Backlash", 1000}, {"MaxStep", 70000}})), false,
+         true, defaults},
+        {"negative", keyXml(values({{"Position", -5}, {"Backlash", -5}, {"MaxStep", -3}})), false, true,
+         defaults},
+        {"at the limits",
+         keyXml(values({{"Position", 60000}, {"Backlash", 255}, {"MaxStep", 0}})),
+         false,
+         true,
+         {60000, 255, false, 0, false}},
+        {"a value of another size", keyXml("<Backlash type=\"4\">05</Backlash>"), false, true, defaults},
+        {"missing key level", "<?xml version=\"1.0\" ?><software/>", false, false, callers},
+        {"not closed", "<software><KVO_Drivebox>not closed", false, false, callers},
+        {"a symbolic link", keyXml(stored), true, false, callers},
+        {"over 64 KiB", keyXml(stored + "<!--" + std::string(65536, ' ') + "-->"), false, false, callers},
+        {"200000 nested elements, 1.4 MB", nested(200000), false, false, callers},
+        {"5000 nested elements, 50 KB", nested(5000), false, false, callers},
+    };
+    for (const LoadCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::remove(configPath().c_str());
+        if (c.linked) {
+            const std::string target = zor_test::makeTempDir("target") + "/ZORconfig.xml";
+            std::ofstream(target) << c.text;
+            writeConfig("");
+            std::remove(configPath().c_str());
+            ASSERT_EQ(symlink(target.c_str(), configPath().c_str()), 0);
+        } else if (!c.text.empty()) {
+            writeConfig(c.text);
+        }
+        DeviceSettings loaded = callers;
+        EXPECT_EQ(loadOnSmallStack(keyPath, loaded), c.loads);
+        EXPECT_EQ(loaded.position, c.expected.position);
+        EXPECT_EQ(loaded.backlash, c.expected.backlash);
+        EXPECT_EQ(loaded.beep, c.expected.beep);
+        EXPECT_EQ(loaded.maxStep, c.expected.maxStep);
+        EXPECT_EQ(loaded.reverse, c.expected.reverse);
+    }
+
+    // A file that did not load is replaced at the next save.
+    DeviceSettings saved;
+    saved.position = 555;
+    saveDeviceSettings(keyPath, saved);
+    DeviceSettings loaded;
+    ASSERT_TRUE(loadDeviceSettings(keyPath, 60000, loaded));
+    EXPECT_EQ(loaded.position, 555);
 }
 
 TEST_F(Settings, DamagedValueBeforeTheWrittenOneIsRemoved)
@@ -164,6 +256,9 @@ TEST_F(Settings, ValueNamesAndKeysAreCleaned)
     EXPECT_EQ(back[0], 0xab);
     EXPECT_EQ(back[1], 0x01);
     XMLCloseKey(&key);
+
+    EXPECT_FALSE(XMLOpenKey(kFile, "\\//", &key)) << "a key path without levels";
+    EXPECT_EQ(key.doc, nullptr);
 }
 
 TEST_F(Settings, OversizedStoredValueStaysInsideTheCallersBuffer)
@@ -181,28 +276,6 @@ TEST_F(Settings, OversizedStoredValueStaysInsideTheCallersBuffer)
     for (int i = 4; i < 8; ++i)
         EXPECT_EQ(buffer[i], 0x11) << "byte " << i << " was beyond the caller's size";
     XMLCloseKey(&key);
-}
-
-TEST_F(Settings, MalformedFileIsReplacedOnSave)
-{
-    writeConfig("<software><KVO_Drivebox>not closed");
-    DeviceSettings loaded;
-    EXPECT_FALSE(loadDeviceSettings(keyPath, 60000, loaded));
-
-    DeviceSettings s;
-    s.position = 555;
-    saveDeviceSettings(keyPath, s);
-    ASSERT_TRUE(loadDeviceSettings(keyPath, 60000, loaded));
-    EXPECT_EQ(loaded.position, 555);
-}
-
-TEST_F(Settings, MissingKeyLevelOrEmptyKeyPathFailsToOpen)
-{
-    writeConfig("<?xml version=\"1.0\" ?><software/>");
-    xmlHandle key;
-    EXPECT_FALSE(XMLOpenKey(kFile, keyPath, &key));
-    EXPECT_FALSE(XMLOpenKey(kFile, "\\//", &key));
-    EXPECT_EQ(key.doc, nullptr);
 }
 
 TEST(SettingsKeyPath, LevelsSplitAtEitherSlashAndSkipEmptyPieces)
