@@ -39,10 +39,7 @@ void setInt(xmlHandle key, const char *name, int32_t value)
 
 } // namespace
 
-void buildSettingsKeyPath(char *keyPath, size_t size)
-{
-    std::snprintf(keyPath, size, "software\\%s", "KVO_Drivebox");
-}
+void buildSettingsKeyPath(char *keyPath, size_t size) { std::snprintf(keyPath, size, "software\\%s", "KVO_Drivebox"); }
 
 bool loadDeviceSettings(const char *keyPath, int stepLimit, DeviceSettings &settings)
 {

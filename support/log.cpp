@@ -79,8 +79,7 @@ std::string createLogFile(const std::string &dir)
     return "";
 }
 
-void logAt(spdlog::level::level_enum level, std::string_view msg, const char *file, int line,
-           const char *func)
+void logAt(spdlog::level::level_enum level, std::string_view msg, const char *file, int line, const char *func)
 {
     spdlog::logger *logger = g_activeLogger.load(std::memory_order_acquire);
     if (!logger)
@@ -106,8 +105,8 @@ void InitLogger()
     if (file.empty())
         return;
     try {
-        auto logger = spdlog::rotating_logger_mt<spdlog::synchronous_factory>(
-            "rotating_file_logger", file, kMaxFileBytes, kMaxFiles, false);
+        auto logger = spdlog::rotating_logger_mt<spdlog::synchronous_factory>("rotating_file_logger", file,
+                                                                              kMaxFileBytes, kMaxFiles, false);
         logger->set_pattern("[%Y-%m-%d %H:%M:%S.%e] [%l] %v", spdlog::pattern_time_type::local);
         spdlog::set_level(spdlog::level::debug);
         logger->flush_on(spdlog::level::info);

@@ -61,8 +61,7 @@ TEST(Log, LinesCarryTimeLevelModuleLineAndFunction)
 {
     InitLogger();
     const std::string file = zor::currentLogFile();
-    ASSERT_EQ(file.rfind(zor_test::sandboxHome() + "/Library/Application Support/zor_sdk/log_", 0), 0u)
-        << file;
+    ASSERT_EQ(file.rfind(zor_test::sandboxHome() + "/Library/Application Support/zor_sdk/log_", 0), 0u) << file;
     EXPECT_TRUE(std::regex_search(file, std::regex(R"(/log_\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.txt$)"))) << file;
 
     LogDebug("debug line", "Log", 7, "probe"); // written out by the next info line's flush

@@ -22,7 +22,7 @@ namespace {
 constexpr char kFile[] = "ZORconfig.xml";
 
 class Settings : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { buildSettingsKeyPath(keyPath, sizeof keyPath); }
 
     std::string configPath() const { return zor_test::sandboxHome() + "/.KVO/" + kFile; }
@@ -44,33 +44,32 @@ class Settings : public ::testing::Test {
 
 TEST_F(Settings, SavesReplaceTheFileWholeInAPrivateDirectory)
 {
-    // A link planted in place of the file must be replaced, not written through.
-    const std::string victim = zor_test::makeTempDir("elsewhere") + "/victim";
-    std::ofstream(victim) << "precious";
-    writeConfig("");
-    ASSERT_EQ(std::remove(configPath().c_str()), 0);
-    ASSERT_EQ(symlink(victim.c_str(), configPath().c_str()), 0);
-
     DeviceSettings first;
     first.position = 1234;
     saveDeviceSettings(keyPath, first);
-    EXPECT_EQ(zor_test::readFile(victim), "precious");
     struct stat st {};
-    ASSERT_EQ(lstat(configPath().c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
-    const ino_t firstFile = st.st_ino;
+    ASSERT_EQ(stat((zor_test::sandboxHome() + "/.KVO").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
 
+    // A link planted in place of the file is replaced, not written through.
+    const std::string victim = zor_test::makeTempDir("elsewhere") + "/victim";
+    std::ofstream(victim) << "precious";
+    ASSERT_EQ(std::remove(configPath().c_str()), 0);
+    ASSERT_EQ(symlink(victim.c_str(), configPath().c_str()), 0);
     DeviceSettings second;
     second.position = 30000;
     second.backlash = 12;
     second.beep = true;
     second.maxStep = 60000;
     saveDeviceSettings(keyPath, second);
+    EXPECT_EQ(zor_test::readFile(victim), "precious");
+    ASSERT_EQ(lstat(configPath().c_str(), &st), 0);
+    ASSERT_TRUE(S_ISREG(st.st_mode));
 
+    const ino_t before = st.st_ino;
+    saveDeviceSettings(keyPath, second);
     ASSERT_EQ(stat(configPath().c_str(), &st), 0);
-    EXPECT_NE(st.st_ino, firstFile) << "a new file is renamed over the old one";
-    ASSERT_EQ(stat((zor_test::sandboxHome() + "/.KVO").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_NE(st.st_ino, before) << "a new file is renamed over the old one";
     std::string left;
     for (const auto &entry : std::filesystem::directory_iterator(zor_test::sandboxHome() + "/.KVO"))
         left += entry.path().filename().string() + " ";
