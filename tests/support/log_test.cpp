@@ -57,8 +57,13 @@ std::vector<std::string> oldLogFiles(const std::string &dir, int count)
     return names;
 }
 
-TEST(Log, LinesCarryTimeLevelModuleLineAndFunction)
+TEST(Log, NothingBeforeSetUpThenLinesCarryTimeLevelModuleLineAndFunction)
 {
+    ZOR_LOG("too early %d", 1);
+    LogInfo("too early", "Log", 1, "probe");
+    EXPECT_TRUE(zor::currentLogFile().empty());
+    EXPECT_FALSE(entriesOf(zor_test::sandboxHome()).count("Library"));
+
     InitLogger();
     const std::string file = zor::currentLogFile();
     ASSERT_EQ(file.rfind(zor_test::sandboxHome() + "/Library/Application Support/zor_sdk/log_", 0), 0u) << file;
@@ -67,29 +72,16 @@ TEST(Log, LinesCarryTimeLevelModuleLineAndFunction)
     LogDebug("debug line", "Log", 7, "probe"); // written out by the next info line's flush
     const int line = __LINE__ + 1;
     ZOR_LOG("ID%d: %s", 0, "/dev/hidraw3");
+    ZOR_LOG("%s", std::string(400, 'x').c_str()); // cut to its 256-byte buffer
 
     const std::string text = zor_test::readFile(file);
     const std::regex expected(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] \[info\] \[ZOR_focuser:)" +
                               std::to_string(line) + R"( TestBody\] ID0: /dev/hidraw3\n)");
     EXPECT_TRUE(std::regex_search(text, expected)) << text;
     EXPECT_NE(text.find("] [debug] [Log:7 probe] debug line"), std::string::npos) << text;
-}
-
-TEST(Log, MessagesAreCutToTheirBuffer)
-{
-    InitLogger();
-    ZOR_LOG("%s", std::string(400, 'x').c_str());
-    const std::string text = zor_test::readFile(zor::currentLogFile());
     EXPECT_NE(text.find(std::string(255, 'x') + "\n"), std::string::npos);
     EXPECT_EQ(text.find(std::string(256, 'x')), std::string::npos);
-}
-
-TEST(Log, NothingIsWrittenBeforeSetUp)
-{
-    ZOR_LOG("too early %d", 1);
-    LogInfo("too early", "Log", 1, "probe");
-    EXPECT_TRUE(zor::currentLogFile().empty());
-    EXPECT_FALSE(entriesOf(zor_test::sandboxHome()).count("Library"));
+    EXPECT_EQ(text.find("too early"), std::string::npos);
 }
 
 TEST(Log, PruningKeepsTheNewestTwentyTextFiles)
