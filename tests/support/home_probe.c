@@ -1,8 +1,6 @@
-/* Enumerates, opens, describes and closes every virtual focuser (ZOR_SIM)
- * in whatever environment and working directory it is started, and prints
- * nothing itself. It brings its own password database: the library's
- * getpwuid_r finds the one below, which reports ZOR_TEST_PASSWD_HOME as the
- * user's home, or no entry at all without it. */
+/* Enumerates, opens, describes and closes every virtual focuser (ZOR_SIM),
+ * printing nothing itself. The library's getpwuid_r is the one below: it
+ * reports ZOR_TEST_PASSWD_HOME as the user's home, or no entry without it. */
 #define _GNU_SOURCE /* RTLD_DEFAULT */
 #include "ZOR_focuser.h"
 
@@ -12,7 +10,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/types.h>
 
 int getpwuid_r(uid_t uid, struct passwd *pwd, char *buf, size_t buflen, struct passwd **result)
 {

@@ -44,9 +44,7 @@ protected:
 
 TEST_F(Settings, SavesReplaceTheFileWholeInAPrivateDirectory)
 {
-    DeviceSettings first;
-    first.position = 1234;
-    saveDeviceSettings(keyPath, first);
+    saveDeviceSettings(keyPath, DeviceSettings{1234, 0, false, 60000, false});
     struct stat st {};
     ASSERT_EQ(stat((zor_test::sandboxHome() + "/.KVO").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
@@ -56,11 +54,7 @@ TEST_F(Settings, SavesReplaceTheFileWholeInAPrivateDirectory)
     std::ofstream(victim) << "precious";
     ASSERT_EQ(std::remove(configPath().c_str()), 0);
     ASSERT_EQ(symlink(victim.c_str(), configPath().c_str()), 0);
-    DeviceSettings second;
-    second.position = 30000;
-    second.backlash = 12;
-    second.beep = true;
-    second.maxStep = 60000;
+    const DeviceSettings second{30000, 12, true, 60000, false};
     saveDeviceSettings(keyPath, second);
     EXPECT_EQ(zor_test::readFile(victim), "precious");
     ASSERT_EQ(lstat(configPath().c_str(), &st), 0);
@@ -122,19 +116,16 @@ struct LoadCase {
     DeviceSettings expected; // the caller's values stay when the file does not load
 };
 
-std::string int32Hex(int32_t value)
-{
-    char hex[9];
-    std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x", value & 0xff, (value >> 8) & 0xff, (value >> 16) & 0xff,
-                  (value >> 24) & 0xff);
-    return hex;
-}
-
+// Four-byte values as the store keeps them: the bytes in memory order, in hexadecimal.
 std::string values(std::initializer_list<std::pair<const char *, int32_t>> stored)
 {
     std::string xml;
-    for (const auto &[name, value] : stored)
-        xml += std::string("<") + name + " type=\"4\">" + int32Hex(value) + "</" + name + ">";
+    for (const auto &[name, value] : stored) {
+        const auto v = static_cast<uint32_t>(value);
+        char hex[9];
+        std::snprintf(hex, sizeof hex, "%02x%02x%02x%02x", v & 255, v >> 8 & 255, v >> 16 & 255, v >> 24);
+        xml += std::string("<") + name + " type=\"4\">" + hex + "</" + name + ">";
+    }
     return xml;
 }
 
