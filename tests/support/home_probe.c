@@ -21,7 +21,6 @@ int getpwuid_r(uid_t uid, struct passwd *pwd, char *buf, size_t buflen, struct p
         return ERANGE;
     strcpy(buf, home);
     memset(pwd, 0, sizeof *pwd);
-    pwd->pw_uid = uid;
     pwd->pw_dir = buf;
     *result = pwd;
     return 0;
