@@ -13,8 +13,7 @@ test -f "$prefix/include/ZOR_focuser.h"
 # One udev rule, named to sort before the seat rules (73-seat-late.rules), or
 # its uaccess would never act.
 rules=$(ls "$work/root/etc/udev/rules.d")
-[ "$(echo "$rules" | wc -l)" -eq 1 ]
-[[ "$rules" < "73-seat-late.rules" ]]
+[[ "$rules" != *$'\n'* && "$rules" < "73-seat-late.rules" ]]
 grep -q 'idProduct}=="1f10", TAG+="uaccess", GROUP="plugdev", MODE="0660"' "$work/root/etc/udev/rules.d/$rules"
 # Where the rules directory cannot be written (a user's own install), the rule
 # is skipped with a note and the install goes on.

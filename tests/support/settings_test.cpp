@@ -14,6 +14,7 @@
 #include <regex>
 #include <string>
 #include <tuple>
+#include <vector>
 #include <sys/stat.h>
 #include <tinyxml.h>
 #include <unistd.h>
@@ -237,9 +238,7 @@ TEST(SettingsKeyPath, LevelsSplitAtEitherSlashAndSkipEmptyPieces)
     EXPECT_EQ(getFolderName("software\\KVO_Drivebox", nullptr), 2);
     char levels[3][kLevelNameBytes];
     ASSERT_EQ(getFolderName("\\\\a//b\\c/", levels), 3);
-    EXPECT_STREQ(levels[0], "a");
-    EXPECT_STREQ(levels[1], "b");
-    EXPECT_STREQ(levels[2], "c");
+    EXPECT_EQ(std::vector<std::string>(levels, levels + 3), (std::vector<std::string>{"a", "b", "c"}));
 
     const std::string longName(300, 'n');
     char one[1][kLevelNameBytes];
