@@ -2,7 +2,11 @@
 # ZOR_UDEV_RULES_DIR (below DESTDIR when that is set) when that directory can
 # be made and written, as by root or into a staging root. Otherwise it says
 # how to install the rule and lets the rest of the install go on, so a user
-# installing into a prefix of their own needs no root.
+# installing into a prefix of their own needs no root. A relative
+# ZOR_UDEV_RULES_DIR is below the install prefix, like other destinations.
+if(NOT IS_ABSOLUTE "${ZOR_UDEV_RULES_DIR}")
+  set(ZOR_UDEV_RULES_DIR "${CMAKE_INSTALL_PREFIX}/${ZOR_UDEV_RULES_DIR}")
+endif()
 set(zor_rules_dir "$ENV{DESTDIR}${ZOR_UDEV_RULES_DIR}")
 execute_process(COMMAND "${CMAKE_COMMAND}" -E make_directory "${zor_rules_dir}"
                 RESULT_VARIABLE zor_not_made OUTPUT_QUIET ERROR_QUIET)
