@@ -102,7 +102,7 @@ void describe(CZOR &device, bool ble, ZOR_INFO *pInfo, const char *aliasFailure)
         std::strcat(pInfo->Name, "(");
         std::strncat(pInfo->Name, reinterpret_cast<const char *>(alias), aliasLength);
         std::strcat(pInfo->Name, ")");
-        ZOR_LOG("Alias Name: %s", pInfo->Name);
+        ZOR_LOG_AS("ZORGetProperty", "Alias Name: %s", pInfo->Name);
     }
     pInfo->MaxStep = kDefaultMaxStep;
     int range = kDefaultMaxStep;
@@ -166,7 +166,7 @@ ZOR_ERROR_CODE ZOROpen(int ID)
         // The object is published only when it is open and its lock record
         // exists, so that a caller on another thread never finds it half made.
         auto device = std::make_unique<CZOR>();
-        ZOR_LOG("ID%d: %s", ID, DevPathArray[ID]);
+        ZOR_LOG_AS("ZOROpen", "ID%d: %s", ID, DevPathArray[ID]);
         if (!device->open(DevPathArray[ID]))
             return ZOR_ERROR_REMOVED;
         if (!MutexCamPt[ID].Initialised && initLockRecord(MutexCamPt[ID]) != 0) {

@@ -19,8 +19,9 @@ struct DeviceSettings {
 void buildSettingsKeyPath(char *keyPath, size_t size);
 
 // Reads the stored settings. Returns false, leaving `settings` alone, when
-// the key cannot be opened; otherwise every missing value takes its default
-// (`defaultMaxStep` for the maximum step).
-bool loadDeviceSettings(const char *keyPath, int defaultMaxStep, DeviceSettings &settings);
+// the key cannot be opened; otherwise every value that is missing, or outside
+// the range the device takes (positions and maximum step 0 to `stepLimit`,
+// backlash 0 to 255), takes its default (`stepLimit` for the maximum step).
+bool loadDeviceSettings(const char *keyPath, int stepLimit, DeviceSettings &settings);
 // Writes the five values, creating the file and key when needed. Silent on failure.
 void saveDeviceSettings(const char *keyPath, const DeviceSettings &settings);

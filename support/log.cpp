@@ -1,5 +1,7 @@
 #include "support/log.h"
 
+#include "support/home_directory.h"
+
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -10,11 +12,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <mutex>
 #include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -22,6 +26,7 @@ namespace {
 constexpr size_t kMaxFileBytes = 1048576;
 constexpr size_t kMaxFiles = 20;
 constexpr size_t kMessageBytes = 256;
+constexpr char kLogSubdirectory[] = "Library/Application Support/zor_sdk";
 
 std::shared_ptr<spdlog::logger> g_logger;
 // Readers go through this pointer so that a log call racing with the set-up
@@ -30,23 +35,48 @@ std::atomic<spdlog::logger *> g_activeLogger{nullptr};
 std::mutex g_loggerMutex;
 std::string g_logFile;
 
-// Creates every missing level of `path` (the log lives in a directory whose
-// parents need not exist on Linux).
-void makeDirectories(const std::string &path, mode_t mode)
+// The log directory is created with its missing parents (on Linux the home
+// has no "Library/Application Support"), but only below an existing home:
+// never the home itself, nor anything above it. True when the directory is
+// there afterwards.
+bool makeLogDirectory(const std::string &home, mode_t mode)
 {
-    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1))
-        mkdir(path.substr(0, pos).c_str(), mode);
-    mkdir(path.c_str(), mode);
+    if (!zor::isDirectory(home))
+        return false;
+    const std::string sub = kLogSubdirectory;
+    size_t end = 0;
+    do {
+        end = sub.find('/', end + 1);
+        mkdir((home + "/" + sub.substr(0, end)).c_str(), mode);
+    } while (end != std::string::npos);
+    return zor::isDirectory(home + "/" + sub);
 }
 
-std::string timestampedFileName()
+std::string timestampedStem()
 {
     std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
     char name[64];
-    std::strftime(name, sizeof name, "log_%Y-%m-%d_%H-%M-%S.txt", &local);
+    std::strftime(name, sizeof name, "log_%Y-%m-%d_%H-%M-%S", &local);
     return name;
+}
+
+// Creates this process's own log file in `dir`: "log_<time>.txt", or
+// "log_<time>_<pid>.txt" when a process started in the same second has taken
+// that name, so that no two processes share a file (or its rotation). Empty
+// when neither can be created.
+std::string createLogFile(const std::string &dir)
+{
+    const std::string stem = dir + timestampedStem();
+    for (const std::string &path : {stem + ".txt", stem + "_" + std::to_string(getpid()) + ".txt"}) {
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            close(fd);
+            return path;
+        }
+    }
+    return "";
 }
 
 void logAt(spdlog::level::level_enum level, std::string_view msg, const char *file, int line, const char *func)
@@ -64,10 +94,16 @@ void InitLogger()
     std::lock_guard<std::mutex> lock(g_loggerMutex);
     if (g_logger)
         return;
-    const std::string dir = zor::logDirectory();
-    makeDirectories(dir, 0775);
+    // The library never writes or prunes the working directory: without a
+    // usable home the log is off, and nothing is created, pruned or printed.
+    const std::string home = zor::homeDirectory();
+    if (home.empty() || !makeLogDirectory(home, 0775))
+        return;
+    const std::string dir = home + "/" + kLogSubdirectory + "/";
     removeOldLogFiles(dir, kMaxFiles);
-    const std::string file = dir + timestampedFileName();
+    const std::string file = createLogFile(dir);
+    if (file.empty())
+        return;
     try {
         auto logger = spdlog::rotating_logger_mt<spdlog::synchronous_factory>("rotating_file_logger", file,
                                                                               kMaxFileBytes, kMaxFiles, false);
@@ -126,14 +162,6 @@ void removeOldLogFiles(const std::string &dir, size_t keep)
 }
 
 namespace zor {
-
-std::string logDirectory()
-{
-    const char *home = std::getenv("HOME");
-    if (!home)
-        return "./";
-    return std::string(home) + "/Library/Application Support/zor_sdk/";
-}
 
 std::string currentLogFile()
 {

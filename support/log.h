@@ -1,7 +1,9 @@
 // Process-wide diagnostic log: rotating files under the user's home,
 // written through spdlog. Call sites log through ZOR_LOG, which formats a
 // printf-style message into 256 bytes and tags it with the module name
-// (the constant kLogModule in scope), the line and the function.
+// (the constant kLogModule in scope), the line and the function. Inside a
+// lambda, whose __func__ is "operator()", ZOR_LOG_AS names the enclosing
+// function instead.
 #pragma once
 
 #include <cstddef>
@@ -17,14 +19,11 @@ struct LogFileEntry {
 void InitLogger();
 void LogInfo(const std::string &msg, const char *file, int line, const char *func);
 void LogDebug(const std::string &msg, const char *file, int line, const char *func);
-// Deletes all but the `keep` newest files whose name contains ".txt".
+// Deletes all but the `keep` newest files of `dir` whose name contains ".txt".
 void removeOldLogFiles(const std::string &dir, size_t keep);
 
 namespace zor {
 
-// The directory the log files go to: $HOME/Library/Application Support/zor_sdk/,
-// or "./" without HOME.
-std::string logDirectory();
 // The path of the current log file; empty until InitLogger has run.
 std::string currentLogFile();
 
@@ -34,3 +33,4 @@ void logInfoFormatted(const char *module, int line, const char *func, const char
 } // namespace zor
 
 #define ZOR_LOG(...) ::zor::logInfoFormatted(kLogModule, __LINE__, __func__, __VA_ARGS__)
+#define ZOR_LOG_AS(function, ...) ::zor::logInfoFormatted(kLogModule, __LINE__, function, __VA_ARGS__)

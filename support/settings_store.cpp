@@ -1,16 +1,19 @@
 #include "support/settings_store.h"
 
 #include "ZOR_focuser.h"
+#include "support/home_directory.h"
 
 #include <tinyxml.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <memory>
-#include <pwd.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,14 +22,12 @@
 namespace {
 
 constexpr int kConfigDirBytes = 256;
-
-const char *homeDirectory()
-{
-    if (const char *home = std::getenv("HOME"))
-        return home;
-    const passwd *pw = getpwuid(getuid());
-    return pw ? pw->pw_dir : nullptr;
-}
+constexpr size_t kMaxFileBytes = 64 * 1024;
+// TinyXML parses nested elements recursively, about 150 bytes of stack a
+// level. An element nests no deeper than the file has "<" characters, so
+// bounding their number bounds the parser's stack to a few tens of KiB on
+// whichever thread opens the device. The settings take about twenty.
+constexpr std::ptrdiff_t kMaxTags = 512;
 
 std::string creationDate()
 {
@@ -84,18 +85,59 @@ bool isWellFormedValue(const TiXmlNode *node)
     return element && element->Attribute("type") && element->GetText();
 }
 
+// Reads the settings file into `text`; on failure returns why the file counts
+// as malformed. A symbolic link (another user's plant) or anything but a
+// regular file is refused, never followed, and so is a file over 64 KiB or
+// with more tags than a settings file holds.
+const char *readSettingsText(const std::string &path, std::string &text)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return std::strerror(errno);
+    struct stat st {};
+    const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    text.resize(kMaxFileBytes + 1); // one byte more tells an over-large file
+    size_t length = 0;
+    ssize_t n = 0;
+    while (regular && length < text.size() && (n = read(fd, &text[length], text.size() - length)) > 0)
+        length += static_cast<size_t>(n);
+    close(fd);
+    text.resize(length);
+    if (!regular)
+        return "not a regular file";
+    if (n < 0)
+        return "read error";
+    if (length > kMaxFileBytes)
+        return "file too large";
+    if (std::count(text.begin(), text.end(), '<') > kMaxTags)
+        return "too many elements";
+    return nullptr;
+}
+
+std::string settingsPath(const char *file)
+{
+    char dir[kConfigDirBytes];
+    return initConfigSaveDir(dir) ? std::string(dir) + file : std::string();
+}
+
 // Loads dir + file; on failure reports through the debug hook with `outcome`
 // ("Exiting." or "Create new.") and returns null.
 std::unique_ptr<TiXmlDocument> loadDocument(const char *file, const char *outcome)
 {
-    char dir[kConfigDirBytes];
-    if (!initConfigSaveDir(dir))
+    const std::string path = settingsPath(file);
+    if (path.empty())
         return nullptr;
-    const std::string path = std::string(dir) + file;
     auto doc = std::make_unique<TiXmlDocument>(path.c_str());
-    if (!doc->LoadFile()) {
+    std::string text;
+    const char *error = readSettingsText(path, text);
+    if (!error) {
+        doc->Parse(text.c_str(), nullptr, TIXML_DEFAULT_ENCODING);
+        if (doc->Error())
+            error = doc->ErrorDesc();
+    }
+    if (error) {
         const std::string fmt = std::string("Could not load test file %s. Error='%s'. ") + outcome + "\n";
-        ZORDbgPrint(__func__, fmt.c_str(), path.c_str(), doc->ErrorDesc());
+        ZORDbgPrint(__func__, fmt.c_str(), path.c_str(), error);
         return nullptr;
     }
     return doc;
@@ -103,33 +145,54 @@ std::unique_ptr<TiXmlDocument> loadDocument(const char *file, const char *outcom
 
 std::unique_ptr<TiXmlDocument> newDocument(const char *file)
 {
-    char dir[kConfigDirBytes];
-    if (!initConfigSaveDir(dir))
+    const std::string path = settingsPath(file);
+    if (path.empty())
         return nullptr;
-    auto doc = std::make_unique<TiXmlDocument>((std::string(dir) + file).c_str());
+    auto doc = std::make_unique<TiXmlDocument>(path.c_str());
     doc->LinkEndChild(new TiXmlDeclaration("1.0", "UTF-8", ""));
     return doc;
+}
+
+// The settings file is replaced whole: written to a temporary file in the
+// same directory and renamed over the old one. A reader never sees half a
+// file, and a symbolic link in its place is replaced, not written through.
+bool saveDocument(const TiXmlDocument &doc)
+{
+    const std::string path = doc.Value();
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(temporary.data());
+    if (fd < 0)
+        return false;
+    FILE *out = fdopen(fd, "w");
+    if (!out)
+        close(fd);
+    const bool printed = out && doc.SaveFile(out);
+    const bool written = out && std::fclose(out) == 0 && printed;
+    if (written && std::rename(temporary.c_str(), path.c_str()) == 0)
+        return true;
+    unlink(temporary.c_str());
+    return false;
 }
 
 } // namespace
 
 bool initConfigSaveDir(char *dir)
 {
-    const char *home = homeDirectory();
-    if (!home) {
+    const std::string home = zor::homeDirectory();
+    const int length = home.empty() ? -1 : std::snprintf(dir, kConfigDirBytes, "%s/.KVO/", home.c_str());
+    if (length < 0 || length >= kConfigDirBytes) {
         ZORDbgPrint(__func__, "get home path err\n");
         return false;
     }
-    std::snprintf(dir, kConfigDirBytes, "%s/.KVO/", home);
     struct stat st {};
     if (stat(dir, &st) == 0)
         return true;
+    // The settings directory is private: made 0700 and left so. Were it
+    // world-writable, another user could plant the file or a link in it.
     if (mkdir(dir, 0700) != 0) {
         ZORDbgPrint(__func__, "mkdir err\n");
         return false;
     }
-    if (chmod(dir, std::strtol("0777", nullptr, 8)) != 0)
-        ZORDbgPrint(__func__, "chmod error: %s\n", std::strerror(errno));
     return true;
 }
 
@@ -277,7 +340,7 @@ void XMLCloseKey(xmlHandle *h)
 {
     if (!h->doc)
         return;
-    if (!h->doc->SaveFile())
+    if (!saveDocument(*h->doc))
         ZORDbgPrint(__func__, "Reg Save failed\n");
     delete h->doc;
     h->doc = nullptr;

@@ -2,6 +2,7 @@
 # Installs the build into a staging root, then builds one client with CMake's
 # find_package and one with pkg-config, and runs both.
 set -euo pipefail
+export LC_ALL=C
 build_dir=$1 source_dir=$2 work=$3
 rm -rf "$work" && mkdir -p "$work"
 DESTDIR="$work/root" cmake --install "$build_dir" --prefix /opt/zor >/dev/null
@@ -9,7 +10,16 @@ prefix="$work/root/opt/zor"
 libdir=$(dirname "$(find "$prefix" -name 'libZORfocuser.so' -o -name 'libZORfocuser.dylib' | head -n1)")
 
 test -f "$prefix/include/ZOR_focuser.h"
-grep -q 'idProduct}=="1f10"' "$work/root/etc/udev/rules.d/99-zor-focuser.rules"
+# One udev rule, named to sort before the seat rules (73-seat-late.rules), or
+# its uaccess would never act.
+rules=$(ls "$work/root/etc/udev/rules.d")
+[[ "$rules" != *$'\n'* && "$rules" < "73-seat-late.rules" ]]
+grep -q 'idProduct}=="1f10", TAG+="uaccess", GROUP="plugdev", MODE="0660"' "$work/root/etc/udev/rules.d/$rules"
+# Where the rules directory cannot be written (a user's own install), the rule
+# is skipped with a note and the install goes on.
+note=$(cmake -DZOR_UDEV_RULE="$work/root/etc/udev/rules.d/$rules" -DZOR_UDEV_RULES_DIR=/proc/zor-rules.d \
+             -P "$source_dir/../../cmake/ZorInstallUdevRule.cmake")
+echo "$note" | grep -q "Not installed (/proc/zor-rules.d is not writable): $rules"
 
 cmake -S "$source_dir/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/consumer" >/dev/null

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <dirent.h>
 #include <fstream>
 #include <regex>
@@ -56,8 +57,13 @@ std::vector<std::string> oldLogFiles(const std::string &dir, int count)
     return names;
 }
 
-TEST(Log, LinesCarryTimeLevelModuleLineAndFunction)
+TEST(Log, NothingBeforeSetUpThenLinesCarryTimeLevelModuleLineAndFunction)
 {
+    ZOR_LOG("too early %d", 1);
+    LogInfo("too early", "Log", 1, "probe");
+    EXPECT_TRUE(zor::currentLogFile().empty());
+    EXPECT_FALSE(entriesOf(zor_test::sandboxHome()).count("Library"));
+
     InitLogger();
     const std::string file = zor::currentLogFile();
     ASSERT_EQ(file.rfind(zor_test::sandboxHome() + "/Library/Application Support/zor_sdk/log_", 0), 0u) << file;
@@ -66,80 +72,54 @@ TEST(Log, LinesCarryTimeLevelModuleLineAndFunction)
     LogDebug("debug line", "Log", 7, "probe"); // written out by the next info line's flush
     const int line = __LINE__ + 1;
     ZOR_LOG("ID%d: %s", 0, "/dev/hidraw3");
+    ZOR_LOG("%s", std::string(400, 'x').c_str()); // cut to its 256-byte buffer
 
     const std::string text = zor_test::readFile(file);
     const std::regex expected(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] \[info\] \[ZOR_focuser:)" +
                               std::to_string(line) + R"( TestBody\] ID0: /dev/hidraw3\n)");
     EXPECT_TRUE(std::regex_search(text, expected)) << text;
     EXPECT_NE(text.find("] [debug] [Log:7 probe] debug line"), std::string::npos) << text;
-}
-
-TEST(Log, MessagesAreCutToTheirBuffer)
-{
-    InitLogger();
-    ZOR_LOG("%s", std::string(400, 'x').c_str());
-    const std::string text = zor_test::readFile(zor::currentLogFile());
     EXPECT_NE(text.find(std::string(255, 'x') + "\n"), std::string::npos);
     EXPECT_EQ(text.find(std::string(256, 'x')), std::string::npos);
+    EXPECT_EQ(text.find("too early"), std::string::npos);
 }
 
-TEST(Log, NothingIsWrittenBeforeSetUp)
+std::string logFileNameAt(std::time_t when)
 {
-    ZOR_LOG("too early %d", 1);
-    LogInfo("too early", "Log", 1, "probe");
-    EXPECT_TRUE(zor::currentLogFile().empty());
-    EXPECT_FALSE(entriesOf(zor_test::sandboxHome()).count("Library"));
+    std::tm local{};
+    localtime_r(&when, &local);
+    char name[64];
+    std::strftime(name, sizeof name, "log_%Y-%m-%d_%H-%M-%S.txt", &local);
+    return name;
 }
 
-TEST(Log, PruningKeepsTheNewestTwentyTextFiles)
-{
-    const std::string dir = zor_test::makeTempDir("logs");
-    std::vector<std::string> logs = oldLogFiles(dir, 24);
-    touch(dir + "/notes.txt.bak", 1500000000); // oldest of all, and counted
-    ASSERT_EQ(mkdir((dir + "/x.txt").c_str(), 0755), 0);
-    touch(dir + "/readme.md", 1400000000);
-
-    removeOldLogFiles(dir, 20);
-
-    const std::set<std::string> left = entriesOf(dir);
-    EXPECT_FALSE(left.count("notes.txt.bak"));
-    for (int i = 0; i < 4; ++i)
-        EXPECT_FALSE(left.count(logs[i])) << logs[i];
-    for (int i = 4; i < 24; ++i)
-        EXPECT_TRUE(left.count(logs[i])) << logs[i];
-    EXPECT_TRUE(left.count("x.txt"));
-    EXPECT_TRUE(left.count("readme.md"));
-}
-
-TEST(Log, SetUpPrunesBeforeStartingANewFile)
+TEST(Log, SetUpPrunesToTheNewestTwentyThenStartsAFileOfItsOwn)
 {
     const std::string dir = zor_test::sandboxHome() + "/Library/Application Support/zor_sdk";
     ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
-    const std::vector<std::string> logs = oldLogFiles(dir, 25);
+    const std::vector<std::string> logs = oldLogFiles(dir, 23);
+    touch(dir + "/notes.txt.bak", 1500000000); // oldest of all, and counted
+    ASSERT_EQ(mkdir((dir + "/x.txt").c_str(), 0755), 0);
+    touch(dir + "/readme.md", 1400000000);
+    // Processes started this second (or the next, should it turn meanwhile)
+    // hold the plain names: this one must not share their files.
+    const std::time_t now = std::time(nullptr);
+    const std::string taken[] = {logFileNameAt(now), logFileNameAt(now + 1)};
+    for (const std::string &name : taken)
+        std::ofstream(dir + "/" + name) << "another process\n";
 
     InitLogger();
+    ZOR_LOG("this process");
 
-    const std::set<std::string> left = entriesOf(dir);
-    EXPECT_EQ(left.size(), 21u);
-    for (int i = 0; i < 5; ++i)
-        EXPECT_FALSE(left.count(logs[i])) << logs[i];
-    EXPECT_TRUE(left.count(logs[5]));
-}
-
-TEST(Log, WithoutHomeTheLogGoesToTheWorkingDirectory)
-{
-    const std::string dir = zor_test::makeTempDir("cwd");
-    ASSERT_EQ(chdir(dir.c_str()), 0);
-    unsetenv("HOME");
-
-    InitLogger();
-    ZOR_LOG("no home");
-
+    // 26 counted: the 6 oldest go, then the new file comes.
+    std::set<std::string> expected(logs.begin() + 5, logs.end());
+    expected.insert({"x.txt", "readme.md", taken[0], taken[1]});
     const std::string file = zor::currentLogFile();
-    EXPECT_EQ(file.rfind("./log_", 0), 0u) << file;
-    const std::set<std::string> names = entriesOf(dir);
-    ASSERT_EQ(names.size(), 1u);
-    EXPECT_NE(zor_test::readFile(dir + "/" + *names.begin()).find("no home"), std::string::npos);
+    EXPECT_TRUE(std::regex_search(file, std::regex("_" + std::to_string(getpid()) + R"(\.txt$)"))) << file;
+    expected.insert(file.substr(file.rfind('/') + 1));
+    EXPECT_EQ(entriesOf(dir), expected);
+    for (const std::string &name : taken)
+        EXPECT_EQ(zor_test::readFile(dir + "/" + name), "another process\n");
 }
 
 TEST(Log, ConcurrentSetUpCreatesOneLogger)
