@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -116,22 +117,36 @@ TEST(ZorctlMove, WaitsWithAProgressBarUntilTheFocuserStops)
     EXPECT_THAT(o.out, ContainsRegex("zorctl> position 0\n[0-9]+ \\(moving\\)\n"));
 }
 
-TEST(ZorctlMove, CtrlCStopsTheFocuserBeforeExiting)
+TEST(ZorctlMove, CtrlCStopsTheFocuserAndAMoveEndedShortFails)
 {
-    ZorctlProcess p({"--simulate=pro@382/speed=200", "move", "0", "40000", "--wait"});
-    ASSERT_TRUE(p.waitForOutput("moving ["));
-    p.signal(SIGINT);
-    const Outcome o = p.finish();
-    EXPECT_EQ(o.status, 130) << o.out << o.err;
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(o.out, m, std::regex("Interrupted: focuser 0 stopped at ([0-9]+)\\.")))
-        << o.out;
-    const int stoppedAt = std::stoi(m[1]);
-    EXPECT_GT(stoppedAt, 30000);
-    EXPECT_LT(stoppedAt, 40000);
-    // The library saved the stopped position at close; the next run starts there.
-    const Outcome after = zorctl({"--simulate", "position", "0"});
-    EXPECT_EQ(after.out, std::to_string(stoppedAt) + "\n");
+    // Ctrl-C stops the focuser before zorctl exits, whichever command follows the move.
+    int previous = 30000;
+    for (const auto &[command, shown] :
+         {std::pair<std::vector<std::string>, std::string>{{"move", "0", "40000", "--wait"}, "moving ["},
+          {{"watch", "0", "-i", "0.05", "--move", "40000"}, "40000"}}) {
+        std::vector<std::string> args{"--simulate=pro@382/speed=200"};
+        args.insert(args.end(), command.begin(), command.end());
+        ZorctlProcess p(args);
+        ASSERT_TRUE(p.waitForOutput(shown)) << command[0];
+        p.signal(SIGINT);
+        const Outcome o = p.finish();
+        EXPECT_EQ(o.status, 130) << o.out << o.err;
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(o.out, m, std::regex("Interrupted: focuser 0 stopped at ([0-9]+)\\.")))
+            << o.out;
+        const int stoppedAt = std::stoi(m[1]);
+        EXPECT_GT(stoppedAt, previous) << command[0];
+        EXPECT_LT(stoppedAt, 40000) << command[0];
+        // The library saved the stopped position at close; the next run starts there.
+        EXPECT_EQ(zorctl({"--simulate", "position", "0"}).out, std::to_string(stoppedAt) + "\n");
+        previous = stoppedAt;
+    }
+
+    // The firmware ends the move at the maximum step, short of the target.
+    const Outcome stopped =
+        zorctl({"--simulate=pro@382/pos=30900/max=31000", "move", "0", "40000", "--wait"});
+    EXPECT_EQ(stopped.status, 1);
+    EXPECT_THAT(stopped.err, HasSubstr("focuser 0 stopped at 31000 before reaching 40000"));
 }
 
 TEST(ZorctlWatch, SamplesPositionMotionAndTemperature)
@@ -195,6 +210,12 @@ TEST(ZorctlUpdate, WritesTheImageAndSeesTheFocuserBackWithNewFirmware)
     const Outcome empty = zorctl({"--simulate", "update", "0", writeImage(0)});
     EXPECT_EQ(empty.status, 1);
     EXPECT_THAT(empty.err, HasSubstr("is empty"));
+    const std::string huge = writeImage(0);
+    std::filesystem::resize_file(huge, (4 << 20) + 1);
+    const Outcome tooLarge = zorctl({"--simulate", "update", "0", huge});
+    EXPECT_EQ(tooLarge.status, 1);
+    EXPECT_THAT(tooLarge.err,
+                HasSubstr(huge + ": 4194305 bytes is more than the 4 MiB a firmware image can have"));
 }
 
 } // namespace

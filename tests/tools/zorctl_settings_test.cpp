@@ -32,7 +32,7 @@ TEST(ZorctlSettings, EverySettingReadsBackWhatWasSet)
 {
     const Outcome o = zorctl({"--simulate", "shell"}, "get 0 led\n"
                                                       "get 0 beep\n"
-                                                      "set 0 backlash 40\n"
+                                                      "set 0 backlash 040\n"
                                                       "set 0 max-step 50000\n"
                                                       "set 0 beep on\n"
                                                       "set 0 reverse yes\n"
@@ -52,7 +52,7 @@ TEST(ZorctlSettings, EverySettingReadsBackWhatWasSet)
     auto a = answers(o.out);
     EXPECT_EQ(a["get 0 led"], "on\n");
     EXPECT_EQ(a["get 0 beep"], "off\n");
-    EXPECT_EQ(a["set 0 backlash 40"], "backlash set to 40\n");
+    EXPECT_EQ(a["set 0 backlash 040"], "backlash set to 40\n"); // decimal, not octal
     EXPECT_EQ(parseJson(a["get 0 backlash --json"])["value"].number, 40);
     EXPECT_EQ(a["get 0 max-step"], "50000\n");
     EXPECT_TRUE(parseJson(a["get 0 beep --json"])["value"].boolean);
@@ -89,39 +89,77 @@ TEST(ZorctlSettings, SpeedAndTemperature)
 struct Failing {
     std::vector<std::string> args;
     int status;
-    std::vector<std::string> messages;
+    std::vector<std::string> messages; // each said once
+    std::vector<std::string> env = {};
 };
+
+std::size_t occurrences(const std::string &text, const std::string &part)
+{
+    std::size_t n = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
+}
 
 TEST(ZorctlErrors, NameTheCodeOrShowTheUsage)
 {
+    const std::string devices = "--simulate: DEVICES does not describe virtual focusers: ";
     const std::vector<Failing> cases = {
         {{"--simulate", "info", "5"},
          1,
          {"opening focuser 5: ZOR_ERROR_INVALID_ID (2): no focuser has this ID"}},
         {{"--simulate", "info", "50"},
          2,
-         {"ID: a whole number from 0 to 49 is needed", "Usage: zorctl info"}},
+         {"ID: a whole number from 0 to 49 is needed (a focuser on USB), not 50", "Usage: zorctl info"}},
         {{"--simulate", "move", "0"}, 2, {"STEP is required", "Usage: zorctl move"}},
-        {{"--simulate", "move", "0", "600001"}, 1, {"step 600001 is outside this focuser's range 0 to 600000"}},
+        {{"--simulate", "move", "0", "abc"},
+         2,
+         {"STEP: a whole number, 0 or more, is needed, not abc", "Usage:"}},
+        {{"--simulate", "sync", "0", "0x10"}, 2, {"STEP: a whole number, 0 or more, is needed, not 0x10"}},
+        {{"--simulate", "watch", "0", "-n", "1e3"},
+         2,
+         {"--count: a whole number, 0 or more, is needed, not 1e3"}},
+        {{"--simulate", "move", "0", "600001"},
+         1,
+         {"step 600001 is outside this focuser's range 0 to 600000"}},
         {{"--simulate", "set", "0", "backlash", "300"},
          2,
-         {"backlash takes a whole number from 0 to 255", "Usage: zorctl set"}},
+         {"backlash takes a whole number from 0 to 255, not 300", "Usage: zorctl set"}},
+        {{"--simulate", "set", "0", "max-force", "+7"},
+         2,
+         {"max-force takes a whole number from 0 to 15, not +7"}},
         {{"--simulate", "set", "0", "alias", "ninechars"}, 2, {"alias holds at most 8 characters"}},
         {{"--simulate", "set", "0", "led", "dim"}, 2, {"led takes on or off"}},
-        {{"--simulate", "get", "0", "colour"}, 2, {"NAME", "Usage: zorctl get"}},
+        {{"--simulate", "get", "0", "colour"}, 2, {"NAME: colour not in", "Usage: zorctl get"}},
         {{"--simulate=old@321:16", "get", "0", "led"},
          1,
          {"ZOR_ERROR_NOT_SUPPORTED (8): this focuser's model or firmware does not have this feature"}},
         {{"--simulate=n@370", "set", "0", "ble-name", "x"}, 1, {"ZOR_ERROR_NOT_SUPPORTED (8)"}},
-        {{"--simulate=tele", "list"}, 1, {"no virtual focusers: ZOR_SIM: \"tele\""}},
+        {{"--simulate", "update", "0", "/dev/zero"},
+         1,
+         {"cannot read the firmware image /dev/zero: it is not a regular file"}},
+        {{"--simulate", "update", "0", "/"}, 1, {"cannot read the firmware image /: it is a directory"}},
+        // A bad description is reported once, by zorctl, not again by the
+        // virtual focusers; --simulate takes the word after it when that is
+        // no command.
+        {{"--simulate=tele", "list"}, 2, {devices + "\"tele\": the model must be pro, n or old"}},
+        {{"--simulate", "frobnicate"}, 2, {devices + "\"frobnicate\": the model", "Usage: zorctl"}},
+        {{"--simulate=pro/temp=nan", "list"},
+         2,
+         {"temp must be a number of degrees Celsius from -100 to 250"}},
+        {{"--simulate", "list"},
+         1,
+         {"ZOR_SIM does not describe virtual focusers: \"pro:32\": the report size must be 16 or 64"},
+         {"ZOR_SIM=pro:32"}},
+        {{"--simulate=pro"}, 2, {"a command is needed", "Usage: zorctl"}},
         {{"frobnicate"}, 2, {"frobnicate", "Usage: zorctl"}},
     };
     for (const Failing &c : cases) {
-        const Outcome o = zorctl(c.args);
+        const Outcome o = zorctl(c.args, "", c.env);
         const std::string what = testing::PrintToString(c.args);
         EXPECT_EQ(o.status, c.status) << what << o.err;
         for (const std::string &m : c.messages)
-            EXPECT_THAT(o.err, HasSubstr(m)) << what;
+            EXPECT_EQ(occurrences(o.err, m), 1u) << what << ": " << m << "\n" << o.err;
         EXPECT_EQ(o.out, "") << what;
     }
 }
