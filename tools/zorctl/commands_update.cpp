@@ -23,7 +23,7 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kChunkBytes = 55; // the most one ZOR_HID_FILE_BUF carries
 
-// A focuser's flash holds a few hundred KiB; a file this large is not an image.
+// Far beyond any focuser's firmware; a larger file is not an image.
 constexpr std::size_t kMaxImageBytes = 4 << 20;
 
 [[noreturn]] void cannotRead(const std::string &path, const std::string &why)
