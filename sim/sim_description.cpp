@@ -4,7 +4,7 @@
 //   entry  = [count "*"] model ["@" firmware] [":" reportsize] {"/" option}
 //   model  = "pro" | "n" | "zorn" | "old"            (any case)
 //   option = "pos=" step | "max=" step | "speed=" steps-per-second
-//          | "temp=" celsius | "alias=" text | "ble=" text | "sn=" 16 hex digits
+//          | "temp=" celsius (-100 to 250) | "alias=" text | "ble=" text | "sn=" 16 hex digits
 //          | "hand" | "noprobe" | "newfw=" firmware | "restart=" milliseconds
 //
 // For example "pro@382,n@370,old@321:16" or "2*pro/pos=1000/temp=-5.5".
@@ -20,7 +20,7 @@ namespace {
 
 [[noreturn]] void fail(const std::string &entry, const std::string &why)
 {
-    throw std::invalid_argument("ZOR_SIM: \"" + entry + "\": " + why);
+    throw std::invalid_argument("\"" + entry + "\": " + why);
 }
 
 std::string trim(const std::string &s)
@@ -53,12 +53,14 @@ std::vector<std::string> split(const std::string &s, char sep)
     }
 }
 
+// Plain decimal digits, with a minus sign at most.
 long number(const std::string &entry, const std::string &text, long lo, long hi, const char *what)
 {
-    char *end = nullptr;
+    const bool digits =
+        !text.empty() && text.find_first_not_of("0123456789", text[0] == '-' ? 1 : 0) == std::string::npos;
     errno = 0;
-    long v = text.empty() ? 0 : std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || v < lo || v > hi)
+    const long v = digits ? std::strtol(text.c_str(), nullptr, 10) : 0;
+    if (!digits || errno != 0 || v < lo || v > hi)
         fail(entry, std::string(what) + " must be a whole number from " + std::to_string(lo) + " to " +
                         std::to_string(hi));
     return v;
@@ -86,9 +88,11 @@ void applyOption(DeviceConfig &c, const std::string &entry, const std::string &o
         c.restartTime = std::chrono::milliseconds(number(entry, value, 0, 600000, "restart"));
     } else if (key == "temp" && hasValue) {
         char *end = nullptr;
-        c.temperature = std::strtod(value.c_str(), &end);
-        if (value.empty() || *end != '\0')
-            fail(entry, "temp must be a number of degrees Celsius");
+        const double celsius = std::strtod(value.c_str(), &end);
+        // Written so that nan fails too; inf is out of range.
+        if (value.empty() || *end != '\0' || !(celsius >= -100 && celsius <= 250))
+            fail(entry, "temp must be a number of degrees Celsius from -100 to 250");
+        c.temperature = celsius;
     } else if (key == "alias" && hasValue) {
         if (value.size() > 8)
             fail(entry, "alias holds at most 8 characters");
@@ -151,10 +155,9 @@ std::vector<DeviceConfig> parseDescription(const std::string &description)
         if (at != std::string::npos)
             c.firmware = static_cast<int>(number(entry, firmware, 0, 25599, "the firmware version"));
         if (colon != std::string::npos) {
-            long s = number(entry, size, 16, 64, "the report size");
-            if (s != 16 && s != 64)
+            if (size != "16" && size != "64")
                 fail(entry, "the report size must be 16 or 64");
-            c.reportSize = static_cast<int>(s);
+            c.reportSize = size == "16" ? 16 : 64;
         }
         for (std::size_t i = 1; i < parts.size(); ++i)
             applyOption(c, entry, trim(parts[i]));

@@ -29,8 +29,10 @@ Registry::Registry()
             add(c);
     } catch (const std::invalid_argument &e) {
         devices_.clear();
-        environmentError = e.what();
-        std::fprintf(stderr, "zor_hidsim: %s\n", e.what());
+        // Printed here, once: a program may never ask hid_error why
+        // hid_init failed.
+        environmentError = std::string("ZOR_SIM: ") + e.what();
+        std::fprintf(stderr, "zor_hidsim: %s\n", environmentError.c_str());
     }
 }
 
@@ -68,7 +70,7 @@ VirtualDevice &Registry::device(int number)
 int Registry::add(const DeviceConfig &config)
 {
     if (config.reportSize != 16 && config.reportSize != 64)
-        throw std::invalid_argument("request report size must be 16 or 64");
+        throw std::invalid_argument("the report size must be 16 or 64");
     const int n = static_cast<int>(devices_.size());
     devices_.push_back(std::make_unique<VirtualDevice>(n, config, now()));
     return n;
@@ -278,8 +280,9 @@ void setFirmwareAfterUpdate(int device, int version)
 
 std::vector<Transfer> transfers(int device)
 {
-    return onDevice(device,
-                    [](Registry &, VirtualDevice &d) { return std::vector<Transfer>(d.log.begin(), d.log.end()); });
+    return onDevice(device, [](Registry &, VirtualDevice &d) {
+        return std::vector<Transfer>(d.log.begin(), d.log.end());
+    });
 }
 
 std::vector<std::vector<uint8_t>> receivedReports(int device)

@@ -2,54 +2,53 @@
 #include "sim_test_util.h"
 
 #include <algorithm>
+#include <cstring>
 
 using namespace std::chrono_literals;
-using zorsim::DeviceConfig;
-using zorsim::Model;
 
 namespace {
 
 class Firmware : public SimTest {};
 
-TEST_F(Firmware, VersionReplyCarriesTheModelStringOfModelsOnly)
+// Each model answers the commands of the features it has, in a version
+// record with its model string; a command it lacks changes nothing and
+// leaves the last reply in place.
+TEST_F(Firmware, EachModelAnswersTheCommandsOfItsOwnFeatures)
 {
-    zorsim::addDevices("pro@382,n@370,old@321:16");
+    zorsim::addDevices("pro@382,n@370,old@322:16,old@321:16");
+    const std::vector<std::vector<uint8_t>> commands = {
+        {0x02, 0x05}, {0x02, 0x06}, {0x02, 0x0C}, {0x02, 0x0D}, // error codes, power-off, serial, alias
+        {0x02, 0x1E}, {0x02, 0x1F}, {0x1E, 0x01}, {0x0F}};      // battery, LED, Bluetooth name, update
     const struct {
-        uint8_t major, minor, build;
-        const char *model;
+        uint8_t minor, build;
+        const char *model; // nullptr: no model string
+        const char *answered;
         size_t size;
-    } cases[] = {{3, 8, 2, "ZOR Pro", 64}, {3, 7, 0, "ZORN", 64}, {3, 2, 1, nullptr, 16}};
-    for (int i = 0; i < 3; ++i) {
-        const auto &c = cases[i];
-        Report r = ask(open(i), 0x04, c.size);
-        EXPECT_EQ(r[0], 0x01);
-        EXPECT_EQ(r[1], 0x7E);
-        EXPECT_EQ(r[2], 0x5A);
-        EXPECT_EQ(r[3], 0x04);
-        EXPECT_EQ(r[4], c.major);
-        EXPECT_EQ(r[5], c.minor);
-        EXPECT_EQ(r[6], c.build);
-        if (c.model) {
-            EXPECT_EQ(r[7], 'E');
-            EXPECT_STREQ(reinterpret_cast<const char *>(&r[8]), c.model);
-        } else {
-            EXPECT_TRUE(std::all_of(r.begin() + 7, r.end(), [](uint8_t b) { return b == 0; }));
+    } models[] = {{8, 2, "ZOR Pro", "11111111", 64},
+                  {7, 0, "ZORN", "10110101", 64},
+                  {2, 2, nullptr, "00110000", 16},
+                  {2, 1, nullptr, "00000000", 16}};
+    for (int i = 0; i < 4; ++i) {
+        const auto &m = models[i];
+        hid_device *h = open(i);
+        const Report version = ask(h, 0x04, m.size);
+        Report expected{0x01, 0x7E, 0x5A, 0x04, 3, m.minor, m.build};
+        if (m.model) {
+            expected[7] = 'E';
+            std::strcpy(reinterpret_cast<char *>(&expected[8]), m.model);
+        }
+        EXPECT_EQ(version, expected) << i;
+        for (std::size_t c = 0; c < commands.size(); ++c) {
+            ask(h, 0x04, m.size);
+            send(h, commands[c], m.size);
+            EXPECT_EQ(read(h) != version, m.answered[c] == '1') << "device " << i << ", command " << c;
         }
     }
 }
 
 TEST_F(Firmware, StatusRecordLayoutFollowsTheFirmwareVersion)
 {
-    DeviceConfig wide;
-    wide.firmware = 336;
-    wide.temperature = 21.5;
-    DeviceConfig narrow16;
-    narrow16.model = Model::Old;
-    narrow16.firmware = 335;
-    narrow16.reportSize = 16;
-    narrow16.temperature = -3.25;
-    zorsim::addDevice(wide);
-    zorsim::addDevice(narrow16);
+    zorsim::addDevices("pro@336/temp=21.5,old@335:16/temp=-3.25");
 
     zorsim::setPosition(0, 0x012345);
     Report w = ask(open(0), 0x03);
@@ -76,12 +75,7 @@ TEST_F(Firmware, StatusRecordLayoutFollowsTheFirmwareVersion)
 
 TEST_F(Firmware, RawConverterFirmwareCarriesProbeOrHandControllerOnTheTemperatureInput)
 {
-    DeviceConfig c;
-    c.model = Model::Old;
-    c.firmware = 300;
-    c.reportSize = 16;
-    c.temperature = 25.0;
-    zorsim::addDevice(c);
+    zorsim::addDevices("old@300:16/temp=25");
     hid_device *h = open(0);
     const int adc = word(ask(h, 0x03, 16), 11);
     EXPECT_NEAR(10.0 * adc / (1024 - adc), 100.0, 1.0); // the probe reads 100 kilo-ohms at 25 degrees
@@ -99,10 +93,7 @@ TEST_F(Firmware, RawConverterFirmwareCarriesProbeOrHandControllerOnTheTemperatur
 
 TEST_F(Firmware, HandControllerButtonsMoveTheMotorUntilTheEndOfTravel)
 {
-    DeviceConfig c;
-    c.handController = true;
-    c.position = 1000;
-    zorsim::addDevice(c);
+    zorsim::addDevices("pro/hand/pos=1000");
     hid_device *h = open(0);
     EXPECT_EQ(ask(h, 0x03)[13] & 0x0C, 0x08);
 
@@ -203,20 +194,11 @@ TEST_F(Firmware, ErrorStateRefusesMovesUntilCleared)
 
 TEST_F(Firmware, IdentityCommands)
 {
-    DeviceConfig pro;
-    pro.serial = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
-    DeviceConfig old = pro;
-    old.model = Model::Old;
-    old.firmware = 322;
-    old.reportSize = 16;
-    zorsim::addDevice(pro);
-    zorsim::addDevice(old);
-    old.firmware = 321;
-    zorsim::addDevice(old);
-
+    zorsim::addDevices("pro/sn=123456789abcdef0,old@322:16/sn=123456789abcdef0");
+    const uint8_t serial[8] = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0};
     hid_device *h = open(0);
     Report r = ask(h, 0x0C);
-    EXPECT_TRUE(std::equal(pro.serial.begin(), pro.serial.end(), r.begin() + 4));
+    EXPECT_TRUE(std::equal(std::begin(serial), std::end(serial), r.begin() + 4));
     EXPECT_EQ(ask(h, 0x0D)[4], 0);
     send(h, {0x0D, 'd', 'o', 'm', 'e', '1', 0, 0, 0});
     r = ask(h, 0x0D);
@@ -224,26 +206,18 @@ TEST_F(Firmware, IdentityCommands)
     EXPECT_STREQ(reinterpret_cast<const char *>(&r[4]), "dome1");
 
     // Firmware without a model string packs the serial number into nibbles.
-
     r = ask(open(1), 0x0C, 16);
     const uint8_t unpacked[8] = {
-        static_cast<uint8_t>(r[4] * 16 + r[5]),   static_cast<uint8_t>(r[6] * 16 + r[7]),
-        static_cast<uint8_t>(r[8] * 16 + r[9]),   static_cast<uint8_t>(r[10] << 4 | r[11] >> 4),
+        static_cast<uint8_t>(r[4] * 16 + r[5]),        static_cast<uint8_t>(r[6] * 16 + r[7]),
+        static_cast<uint8_t>(r[8] * 16 + r[9]),        static_cast<uint8_t>(r[10] << 4 | r[11] >> 4),
         static_cast<uint8_t>(r[11] << 4 | r[12] >> 4), static_cast<uint8_t>(r[12] << 4 | r[13] >> 4),
         static_cast<uint8_t>(r[13] << 4 | r[14] >> 4), static_cast<uint8_t>(r[14] * 16 + r[15])};
-    EXPECT_TRUE(std::equal(pro.serial.begin(), pro.serial.end(), unpacked));
-
-    // Below 322 the query is unknown and the previous reply stays.
-    h = open(2);
-    Report fw = ask(h, 0x04, 16);
-    EXPECT_EQ(ask(h, 0x0C, 16), fw);
+    EXPECT_TRUE(std::equal(std::begin(serial), std::end(serial), unpacked));
 }
 
 TEST_F(Firmware, ProAnswersLedBluetoothNameBatteryAndPowerOffReason)
 {
-    DeviceConfig c;
-    c.bleName = "scope";
-    zorsim::addDevice(c);
+    zorsim::addDevices("pro/ble=scope");
     hid_device *h = open(0);
     EXPECT_EQ(ask(h, 0x1F)[4], 1);
     send(h, {0x20, 0});
@@ -279,34 +253,9 @@ TEST_F(Firmware, ProAnswersLedBluetoothNameBatteryAndPowerOffReason)
     EXPECT_FALSE(zorsim::state(0).factoryMode);
 }
 
-TEST_F(Firmware, CommandsOfFeaturesAModelLacksLeaveTheLastReplyInPlace)
-{
-    zorsim::addDevices("n@370,old@321:16");
-    hid_device *n = open(0);
-    Report fw = ask(n, 0x04);
-    EXPECT_EQ(ask(n, 0x1E), fw);
-    EXPECT_EQ(ask(n, 0x06), fw);
-    send(n, {0x1E, 0x01});
-    EXPECT_EQ(read(n), fw);
-    EXPECT_EQ(ask(n, 0x05)[4], 'E');
-
-    hid_device *old = open(1);
-    fw = ask(old, 0x04, 16);
-    for (uint8_t code : {0x05, 0x0D, 0x1F})
-        EXPECT_EQ(ask(old, code, 16), fw) << int(code);
-    send(old, {0x0F}, 16); // no USB update below 370
-    EXPECT_EQ(read(old), fw);
-}
-
 TEST_F(Firmware, UpdateOnSixteenByteReportsRestartsIntoTheNewFirmware)
 {
-    DeviceConfig c;
-    c.model = Model::N;
-    c.firmware = 370;
-    c.reportSize = 16;
-    c.firmwareAfterUpdate = 371;
-    c.restartTime = 2s;
-    zorsim::addDevice(c);
+    zorsim::addDevices("n@370:16/newfw=371/restart=2000");
     hid_device *h = open(0);
     send(h, control(0, 1000, 1), 16);
 

@@ -3,11 +3,11 @@
 #include "sim_test_util.h"
 
 #include "ZOR_focuser.h"
+#include "device/report_descriptor.h"
 
 #include <dlfcn.h>
 
 #include <atomic>
-#include <map>
 #include <thread>
 
 using zorsim::DeviceConfig;
@@ -67,24 +67,9 @@ TEST_F(Usb, ReportDescriptorDeclaresBothFeatureReports)
         unsigned char d[HID_API_MAX_REPORT_DESCRIPTOR_SIZE];
         const int n = hid_get_report_descriptor(open(dev), d, sizeof d);
         ASSERT_GT(n, 0);
-        // Walk the short items; note the byte size of each feature report by its ID.
-        std::map<unsigned, unsigned> bytes;
-        unsigned id = 0, count = 0, bits = 0;
-        for (int i = 0; i < n;) {
-            const int len = (d[i] & 3) == 3 ? 4 : d[i] & 3;
-            unsigned v = 0;
-            for (int k = 0; k < len; ++k)
-                v |= static_cast<unsigned>(d[i + 1 + k]) << (8 * k);
-            switch (d[i] & 0xFC) {
-            case 0x84: id = v; break;
-            case 0x94: count = v; break;
-            case 0x74: bits = v; break;
-            case 0xB0: bytes[id] += count * bits / 8; break;
-            }
-            i += 1 + len;
-        }
-        EXPECT_EQ(bytes[1], 16u);
-        EXPECT_EQ(bytes[3], dev == 0 ? 63u : 15u);
+        // As the library reads it.
+        EXPECT_EQ(hidReportByteSize(d, static_cast<size_t>(n), HidReportKind::Feature, 1), 16) << dev;
+        EXPECT_EQ(focuserOutputCapacity(d, static_cast<size_t>(n)), dev == 0 ? 64 : 16) << dev;
     }
 }
 

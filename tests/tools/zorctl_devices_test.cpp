@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -14,7 +16,6 @@ namespace {
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::Not;
 using namespace zor_test;
 
 const std::string kThreeModels = "--simulate=pro@382,n@370,old@321:16";
@@ -116,22 +117,36 @@ TEST(ZorctlMove, WaitsWithAProgressBarUntilTheFocuserStops)
     EXPECT_THAT(o.out, ContainsRegex("zorctl> position 0\n[0-9]+ \\(moving\\)\n"));
 }
 
-TEST(ZorctlMove, CtrlCStopsTheFocuserBeforeExiting)
+TEST(ZorctlMove, CtrlCStopsTheFocuserAndAMoveEndedShortFails)
 {
-    ZorctlProcess p({"--simulate=pro@382/speed=200", "move", "0", "40000", "--wait"});
-    ASSERT_TRUE(p.waitForOutput("moving ["));
-    p.signal(SIGINT);
-    const Outcome o = p.finish();
-    EXPECT_EQ(o.status, 130) << o.out << o.err;
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(o.out, m, std::regex("Interrupted: focuser 0 stopped at ([0-9]+)\\.")))
-        << o.out;
-    const int stoppedAt = std::stoi(m[1]);
-    EXPECT_GT(stoppedAt, 30000);
-    EXPECT_LT(stoppedAt, 40000);
-    // The library saved the stopped position at close; the next run starts there.
-    const Outcome after = zorctl({"--simulate", "position", "0"});
-    EXPECT_EQ(after.out, std::to_string(stoppedAt) + "\n");
+    // Ctrl-C stops the focuser before zorctl exits, whichever command follows the move.
+    int previous = 30000;
+    for (const auto &[command, shown] :
+         {std::pair<std::vector<std::string>, std::string>{{"move", "0", "40000", "--wait"}, "moving ["},
+          {{"watch", "0", "-i", "0.05", "--move", "40000"}, "40000"}}) {
+        std::vector<std::string> args{"--simulate=pro@382/speed=200"};
+        args.insert(args.end(), command.begin(), command.end());
+        ZorctlProcess p(args);
+        ASSERT_TRUE(p.waitForOutput(shown)) << command[0];
+        p.signal(SIGINT);
+        const Outcome o = p.finish();
+        EXPECT_EQ(o.status, 130) << o.out << o.err;
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(o.out, m, std::regex("Interrupted: focuser 0 stopped at ([0-9]+)\\.")))
+            << o.out;
+        const int stoppedAt = std::stoi(m[1]);
+        EXPECT_GT(stoppedAt, previous) << command[0];
+        EXPECT_LT(stoppedAt, 40000) << command[0];
+        // The library saved the stopped position at close; the next run starts there.
+        EXPECT_EQ(zorctl({"--simulate", "position", "0"}).out, std::to_string(stoppedAt) + "\n");
+        previous = stoppedAt;
+    }
+
+    // The firmware ends the move at the maximum step, short of the target.
+    const Outcome stopped =
+        zorctl({"--simulate=pro@382/pos=30900/max=31000", "move", "0", "40000", "--wait"});
+    EXPECT_EQ(stopped.status, 1);
+    EXPECT_THAT(stopped.err, HasSubstr("focuser 0 stopped at 31000 before reaching 40000"));
 }
 
 TEST(ZorctlWatch, SamplesPositionMotionAndTemperature)
@@ -169,16 +184,25 @@ std::string writeImage(std::size_t bytes)
     return path;
 }
 
-TEST(ZorctlUpdate, RefusesAFocuserWithoutUsbUpdate)
+TEST(ZorctlUpdate, RefusesAFileThatIsNoImageOrAFocuserWithoutUsbUpdate)
 {
-    const std::string image = writeImage(200);
-    for (const char *devices : {"--simulate=old@321:16", "--simulate=n@369"}) {
-        const Outcome o = zorctl({devices, "update", "0", image});
-        EXPECT_EQ(o.status, 1) << devices;
-        EXPECT_THAT(o.err, HasSubstr("cannot be updated over USB; that needs firmware 3.7.0 or later"))
-            << devices;
-        EXPECT_THAT(o.err, HasSubstr("ZOR_ERROR_NOT_SUPPORTED (8)")) << devices;
-        EXPECT_THAT(o.out, Not(HasSubstr("writing"))) << devices;
+    const std::string image = writeImage(200), empty = writeImage(0), huge = writeImage(0);
+    std::filesystem::resize_file(huge, (4 << 20) + 1);
+    const std::string notOverUsb = "cannot be updated over USB; that needs firmware 3.7.0 or later: "
+                                   "ZOR_ERROR_NOT_SUPPORTED (8)";
+    const std::vector<std::array<std::string, 3>> cases = {
+        {"old@321:16", image, "focuser 0 (firmware 3.2.1) " + notOverUsb},
+        {"n@369", image, "focuser 0 (firmware 3.6.9) " + notOverUsb},
+        {"pro", empty, empty + " is empty"},
+        {"pro", huge, huge + ": 4194305 bytes is more than the 4 MiB a firmware image can have"},
+        {"pro", "/dev/zero", "cannot read the firmware image /dev/zero: it is not a regular file"},
+        {"pro", "/", "cannot read the firmware image /: it is a directory"},
+    };
+    for (const auto &[devices, file, message] : cases) {
+        const Outcome o = zorctl({"--simulate=" + devices, "update", "0", file});
+        EXPECT_EQ(o.status, 1) << file;
+        EXPECT_THAT(o.err, HasSubstr(message)) << file;
+        EXPECT_EQ(o.out, "") << file;
     }
 }
 
@@ -192,9 +216,6 @@ TEST(ZorctlUpdate, WritesTheImageAndSeesTheFocuserBackWithNewFirmware)
         EXPECT_THAT(o.out, ContainsRegex("\\] 100%  1000 of 1000 bytes\n")) << devices;
         EXPECT_THAT(o.out, HasSubstr("Focuser 0 is back with firmware " + version + ".")) << devices;
     }
-    const Outcome empty = zorctl({"--simulate", "update", "0", writeImage(0)});
-    EXPECT_EQ(empty.status, 1);
-    EXPECT_THAT(empty.err, HasSubstr("is empty"));
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // zorctl get and set, its failures and usage messages, and --simulate's
 // own checks.
-#include "json_reader.h"
 #include "zorctl_process.h"
 
 #include <gmock/gmock.h>
@@ -14,114 +13,131 @@ namespace {
 using testing::HasSubstr;
 using namespace zor_test;
 
-// A shell transcript cut into the output of each command.
-std::map<std::string, std::string> answers(const std::string &out)
+using Session = std::vector<std::pair<std::string, std::string>>; // command, what it prints
+
+// Runs the commands in one zorctl shell and checks the whole transcript.
+void expectSession(const std::string &simulate, const Session &session)
 {
-    std::map<std::string, std::string> byCommand;
-    std::string *current = nullptr;
-    for (const std::string &line : lines(out)) {
-        if (line.rfind("zorctl> ", 0) == 0)
-            current = &byCommand[line.substr(8)];
-        else if (current)
-            *current += line + "\n";
+    std::string input, transcript;
+    for (const auto &[command, output] : session) {
+        input += command + "\n";
+        transcript += "zorctl> " + command + "\n" + output;
     }
-    return byCommand;
+    const Outcome o = zorctl({simulate, "shell"}, input);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_EQ(o.out, transcript);
+}
+
+std::string json(const std::string &setting, const std::string &value)
+{
+    return "{\n  \"id\": 0,\n  \"setting\": \"" + setting + "\",\n  \"value\": " + value + "\n}\n";
 }
 
 TEST(ZorctlSettings, EverySettingReadsBackWhatWasSet)
 {
-    const Outcome o = zorctl({"--simulate", "shell"}, "get 0 led\n"
-                                                      "get 0 beep\n"
-                                                      "set 0 backlash 40\n"
-                                                      "set 0 max-step 50000\n"
-                                                      "set 0 beep on\n"
-                                                      "set 0 reverse yes\n"
-                                                      "set 0 max-force 7\n"
-                                                      "set 0 led off\n"
-                                                      "set 0 ble-name north\n"
-                                                      "set 0 alias \"a\\ b\"\n"
-                                                      "get 0 backlash --json\n"
-                                                      "get 0 max-step\n"
-                                                      "get 0 beep --json\n"
-                                                      "get 0 reverse\n"
-                                                      "get 0 max-force\n"
-                                                      "get 0 led --json\n"
-                                                      "get 0 ble-name\n"
-                                                      "get 0 alias --json\n");
-    ASSERT_EQ(o.status, 0) << o.err;
-    auto a = answers(o.out);
-    EXPECT_EQ(a["get 0 led"], "on\n");
-    EXPECT_EQ(a["get 0 beep"], "off\n");
-    EXPECT_EQ(a["set 0 backlash 40"], "backlash set to 40\n");
-    EXPECT_EQ(parseJson(a["get 0 backlash --json"])["value"].number, 40);
-    EXPECT_EQ(a["get 0 max-step"], "50000\n");
-    EXPECT_TRUE(parseJson(a["get 0 beep --json"])["value"].boolean);
-    EXPECT_EQ(a["get 0 reverse"], "on\n");
-    EXPECT_EQ(a["get 0 max-force"], "7\n");
-    const JsonValue led = parseJson(a["get 0 led --json"]);
-    EXPECT_EQ(led["setting"].string, "led");
-    EXPECT_EQ(led["value"].type, JsonValue::Type::Bool);
-    EXPECT_FALSE(led["value"].boolean);
-    EXPECT_EQ(a["get 0 ble-name"], "ZOR Pro_north\n"); // the name as the focuser advertises it
-    EXPECT_EQ(parseJson(a["get 0 alias --json"])["value"].string, "a\\ b");
+    expectSession("--simulate", {
+                                    {"get 0 led", "on\n"},
+                                    {"get 0 beep", "off\n"},
+                                    {"set 0 backlash 040", "backlash set to 40\n"}, // decimal, not octal
+                                    {"set 0 max-step 50000", "max-step set to 50000\n"},
+                                    {"set 0 beep on", "beep set to on\n"},
+                                    {"set 0 reverse yes", "reverse set to on\n"},
+                                    {"set 0 max-force 7", "max-force set to 7\n"},
+                                    {"set 0 led off", "led set to off\n"},
+                                    {"set 0 ble-name north", "ble-name set to north\n"},
+                                    {"set 0 alias \"a\\ b\"", "alias set to a\\ b\n"},
+                                    {"get 0 backlash --json", json("backlash", "40")},
+                                    {"get 0 max-step", "50000\n"},
+                                    {"get 0 beep --json", json("beep", "true")},
+                                    {"get 0 reverse", "on\n"},
+                                    {"get 0 max-force", "7\n"},
+                                    {"get 0 led --json", json("led", "false")},
+                                    {"get 0 ble-name", "ZOR Pro_north\n"}, // as the focuser advertises it
+                                    {"get 0 alias --json", json("alias", "\"a\\\\ b\"")},
+                                });
 }
 
-TEST(ZorctlSettings, SpeedAndTemperature)
+TEST(ZorctlSettings, SpeedOnEarlyFirmwareAndTemperature)
 {
     // Firmware before 3.3.6 carries a speed word; later firmware has none.
-    const Outcome early =
-        zorctl({"--simulate=old@321:16", "shell"}, "get 0 speed\nset 0 speed 1200\nget 0 speed\n");
-    ASSERT_EQ(early.status, 0) << early.err;
-    auto a = answers(early.out);
-    EXPECT_EQ(a["get 0 speed"], "3000\n1200\n"); // before and after
-    const Outcome late = zorctl({"--simulate", "get", "0", "speed"});
-    EXPECT_EQ(late.status, 1);
-    EXPECT_THAT(late.err, HasSubstr("focuser 0 (firmware 3.8.2) has no speed setting"));
-
-    const Outcome temp = zorctl({"--simulate=pro/temp=-5.5", "get", "0", "temperature", "--json"});
-    ASSERT_EQ(temp.status, 0) << temp.err;
-    EXPECT_EQ(parseJson(temp.out)["value"].number, -5.5);
-    const Outcome readOnly = zorctl({"--simulate", "set", "0", "temperature", "3"});
-    EXPECT_EQ(readOnly.status, 2);
-    EXPECT_THAT(readOnly.err, HasSubstr("Usage: zorctl set"));
+    expectSession(
+        "--simulate=old@321:16",
+        {{"get 0 speed", "3000\n"}, {"set 0 speed 1200", "speed set to 1200\n"}, {"get 0 speed", "1200\n"}});
+    expectSession("--simulate=pro/temp=-5.5", {{"get 0 temperature --json", json("temperature", "-5.5")}});
 }
 
 struct Failing {
     std::vector<std::string> args;
     int status;
-    std::vector<std::string> messages;
+    std::vector<std::string> messages; // each said once
+    std::vector<std::string> env = {};
 };
+
+std::size_t occurrences(const std::string &text, const std::string &part)
+{
+    std::size_t n = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
+}
 
 TEST(ZorctlErrors, NameTheCodeOrShowTheUsage)
 {
+    const std::string devices = "--simulate: DEVICES does not describe virtual focusers: ";
     const std::vector<Failing> cases = {
         {{"--simulate", "info", "5"},
          1,
          {"opening focuser 5: ZOR_ERROR_INVALID_ID (2): no focuser has this ID"}},
         {{"--simulate", "info", "50"},
          2,
-         {"ID: a whole number from 0 to 49 is needed", "Usage: zorctl info"}},
+         {"ID: a whole number from 0 to 49 is needed (a focuser on USB), not 50", "Usage: zorctl info"}},
         {{"--simulate", "move", "0"}, 2, {"STEP is required", "Usage: zorctl move"}},
-        {{"--simulate", "move", "0", "600001"}, 1, {"step 600001 is outside this focuser's range 0 to 600000"}},
+        {{"--simulate", "move", "0", "abc"},
+         2,
+         {"STEP: a whole number, 0 or more, is needed, not abc", "Usage:"}},
+        {{"--simulate", "sync", "0", "0x10"}, 2, {"STEP: a whole number, 0 or more, is needed, not 0x10"}},
+        {{"--simulate", "watch", "0", "-n", "1e3"},
+         2,
+         {"--count: a whole number, 0 or more, is needed, not 1e3"}},
+        {{"--simulate", "move", "0", "600001"},
+         1,
+         {"step 600001 is outside this focuser's range 0 to 600000"}},
         {{"--simulate", "set", "0", "backlash", "300"},
          2,
-         {"backlash takes a whole number from 0 to 255", "Usage: zorctl set"}},
+         {"backlash takes a whole number from 0 to 255, not 300", "Usage: zorctl set"}},
+        {{"--simulate", "set", "0", "max-force", "+7"},
+         2,
+         {"max-force takes a whole number from 0 to 15, not +7"}},
+        {{"--simulate", "get", "0", "speed"}, 1, {"focuser 0 (firmware 3.8.2) has no speed setting"}},
+        {{"--simulate", "set", "0", "temperature", "3"}, 2, {"Usage: zorctl set"}},
         {{"--simulate", "set", "0", "alias", "ninechars"}, 2, {"alias holds at most 8 characters"}},
         {{"--simulate", "set", "0", "led", "dim"}, 2, {"led takes on or off"}},
-        {{"--simulate", "get", "0", "colour"}, 2, {"NAME", "Usage: zorctl get"}},
+        {{"--simulate", "get", "0", "colour"}, 2, {"NAME: colour not in", "Usage: zorctl get"}},
         {{"--simulate=old@321:16", "get", "0", "led"},
          1,
          {"ZOR_ERROR_NOT_SUPPORTED (8): this focuser's model or firmware does not have this feature"}},
         {{"--simulate=n@370", "set", "0", "ble-name", "x"}, 1, {"ZOR_ERROR_NOT_SUPPORTED (8)"}},
-        {{"--simulate=tele", "list"}, 1, {"no virtual focusers: ZOR_SIM: \"tele\""}},
+        // A bad description is reported once, by zorctl, not again by the
+        // virtual focusers; --simulate takes the word after it when that is
+        // no command.
+        {{"--simulate=tele", "list"}, 2, {devices + "\"tele\": the model must be pro, n or old"}},
+        {{"--simulate", "frobnicate"}, 2, {devices + "\"frobnicate\": the model", "Usage: zorctl"}},
+        {{"--simulate=pro/temp=nan", "list"},
+         2,
+         {"temp must be a number of degrees Celsius from -100 to 250"}},
+        {{"--simulate", "list"},
+         1,
+         {"ZOR_SIM does not describe virtual focusers: \"pro:32\": the report size must be 16 or 64"},
+         {"ZOR_SIM=pro:32"}},
+        {{"--simulate=pro"}, 2, {"a command is needed", "Usage: zorctl"}},
         {{"frobnicate"}, 2, {"frobnicate", "Usage: zorctl"}},
     };
     for (const Failing &c : cases) {
-        const Outcome o = zorctl(c.args);
+        const Outcome o = zorctl(c.args, "", c.env);
         const std::string what = testing::PrintToString(c.args);
         EXPECT_EQ(o.status, c.status) << what << o.err;
         for (const std::string &m : c.messages)
-            EXPECT_THAT(o.err, HasSubstr(m)) << what;
+            EXPECT_EQ(occurrences(o.err, m), 1u) << what << ": " << m << "\n" << o.err;
         EXPECT_EQ(o.out, "") << what;
     }
 }

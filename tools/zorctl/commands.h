@@ -2,12 +2,16 @@
 // application and registers what runs when one of them is chosen.
 #pragma once
 
+#include <climits>
 #include <functional>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace CLI {
 class App;
-}
+class Option;
+} // namespace CLI
 
 namespace zorctl {
 
@@ -23,8 +27,16 @@ void addWatch(CLI::App &app, Commands &commands);
 void addSettings(CLI::App &app, Commands &commands); // get, set
 void addUpdate(CLI::App &app, Commands &commands);
 
-// Shared option helpers.
+// Shared argument helpers. Numbers on the command line are plain decimal
+// integers: an optional minus sign and digits, nothing else.
+std::optional<int> parseWholeNumber(const std::string &text); // nullopt: not one, or beyond int
+// An option or positional `name` taking a whole number from lo to hi; a
+// refusal names the argument, the range and `note`.
+CLI::Option *addWholeNumber(CLI::App &sub, const std::string &name, int &value,
+                            const std::string &description, int lo, int hi = INT_MAX,
+                            const std::string &note = "");
 void addIdArgument(CLI::App &sub, int &id);
+void addStepArgument(CLI::App &sub, int &step, const std::string &description);
 void addJsonFlag(CLI::App &sub, bool &json);
 
 } // namespace zorctl

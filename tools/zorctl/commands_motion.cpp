@@ -32,18 +32,18 @@ int waitForMove(int id, int start, int target)
     for (;;) {
         const MotionSample s = sampleMotion(id);
         if (interrupted()) {
-            check(ZORStop(id), "stopping the focuser");
-            const int position = readPosition(id);
+            const int position = stopAfterInterrupt(id);
             bar.finish(fraction(position), progressDetail(position, target));
-            std::printf("Interrupted: focuser %d stopped at %d.\n", id, position);
             return kInterruptedExit;
         }
         if (!s.moving) {
             bar.finish(fraction(s.position), progressDetail(s.position, target));
-            if (s.position == target)
-                std::printf("Focuser %d reached %d.\n", id, s.position);
-            else
-                std::printf("Focuser %d stopped at %d before reaching %d.\n", id, s.position, target);
+            // Stopped by someone else, the hand controller or the maximum
+            // step: the command did not do what it was asked.
+            if (s.position != target)
+                throw UserError("focuser " + std::to_string(id) + " stopped at " +
+                                std::to_string(s.position) + " before reaching " + std::to_string(target));
+            std::printf("Focuser %d reached %d.\n", id, s.position);
             return 0;
         }
         bar.update(fraction(s.position), progressDetail(s.position, target));
@@ -109,7 +109,7 @@ void addMotion(CLI::App &app, Commands &commands)
     auto move = std::make_shared<MoveArgs>();
     CLI::App *moveCmd = app.add_subcommand("move", "Move a focuser to an absolute step");
     addIdArgument(*moveCmd, move->id);
-    moveCmd->add_option("STEP", move->step, "Target position in steps")->required();
+    addStepArgument(*moveCmd, move->step, "Target position in steps");
     moveCmd->add_flag("-w,--wait", move->wait,
                       "Show a progress bar until the focuser stops; Ctrl-C stops the focuser");
     commands.push_back({moveCmd, [move] { return runMove(*move); }});
@@ -137,7 +137,7 @@ void addMotion(CLI::App &app, Commands &commands)
     CLI::App *syncCmd =
         app.add_subcommand("sync", "Redefine the current position as STEP (the focuser does not move)");
     addIdArgument(*syncCmd, sync->id);
-    syncCmd->add_option("STEP", sync->step, "The step number the current position gets")->required();
+    addStepArgument(*syncCmd, sync->step, "The step number the current position gets");
     commands.push_back({syncCmd, [sync] { return runSync(sync->id, sync->step); }});
 }
 

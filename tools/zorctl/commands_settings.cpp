@@ -43,17 +43,13 @@ void requireSpeedWord(Focuser &f)
                         ") has no speed setting; only firmware before 3.3.6 has one");
 }
 
-// ZORSetBLEName hands the USB request a fixed 16-byte name field, which is
-// longer than the 11 bytes a name may have, so the library refuses it over
-// USB. The name goes in the same request, sent as it is: 03 7E 5A 1E 00 and
-// the name, padded with zeros.
-void sendBleName(Focuser &f, const std::string &name)
+// Models without Bluetooth have no name to set; they would not answer.
+void setBleName(Focuser &f, const std::string &name)
 {
     if (!f.supports(ZOR_CONTROL_BLE))
         throw Failure("setting the Bluetooth name", ZOR_ERROR_NOT_SUPPORTED);
-    unsigned char request[16] = {0x03, 0x7E, 0x5A, 0x1E, 0x00};
-    std::memcpy(request + 5, name.data(), name.size());
-    check(ZORSendCMD(f.id(), request, sizeof request, false, nullptr), "setting the Bluetooth name");
+    std::string copy = name; // the call takes a writable C string
+    check(ZORSetBLEName(f.id(), copy.data()), "setting the Bluetooth name");
 }
 
 template <typename T> T read(ZOR_ERROR_CODE (*call)(int, T *), Focuser &f, const char *what)
@@ -128,7 +124,7 @@ const std::vector<Setting> &settings()
              check(ZORGetBLEName(f.id(), name), "reading the Bluetooth name");
              return text(std::string(name, strnlen(name, sizeof name)));
          },
-         [](Focuser &f, const Value &v) { sendBleName(f, v.text); }},
+         [](Focuser &f, const Value &v) { setBleName(f, v.text); }},
         {"alias", Kind::Text, 0, 8, [](Focuser &f) { return text(f.alias()); },
          [](Focuser &f, const Value &v) {
              ZOR_ID alias{};
@@ -168,12 +164,11 @@ Value parseValue(const Setting &s, const std::string &in)
     Value v;
     switch (s.kind) {
     case Kind::Number: {
-        char *end = nullptr;
-        const long n = std::strtol(in.c_str(), &end, 10);
-        if (in.empty() || *end != '\0' || n < s.min || n > s.max)
+        const std::optional<int> n = parseWholeNumber(in);
+        if (!n || *n < s.min || *n > s.max)
             throw UsageError(std::string(s.name) + " takes a whole number from " + std::to_string(s.min) +
-                             " to " + std::to_string(s.max));
-        v.number = static_cast<int>(n);
+                             " to " + std::to_string(s.max) + ", not " + in);
+        v.number = *n;
         break;
     }
     case Kind::Switch:

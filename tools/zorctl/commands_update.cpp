@@ -6,12 +6,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace zorctl {
 namespace {
@@ -20,14 +23,49 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kChunkBytes = 55; // the most one ZOR_HID_FILE_BUF carries
 
+// Far beyond any focuser's firmware; a larger file is not an image.
+constexpr std::size_t kMaxImageBytes = 4 << 20;
+
+[[noreturn]] void cannotRead(const std::string &path, const std::string &why)
+{
+    throw UserError("cannot read the firmware image " + path + ": " + why);
+}
+
+// Only a regular file of a plausible size is read: /dev/zero or a pipe
+// would otherwise be read until memory runs out.
 std::vector<unsigned char> readImage(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw UserError("cannot read " + path + ": " + std::strerror(errno));
-    std::vector<unsigned char> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad())
-        throw UserError("cannot read " + path + ": " + std::strerror(errno));
+    struct File {
+        int fd;
+        ~File() { ::close(fd); }
+    };
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        cannotRead(path, std::strerror(errno));
+    const File file{fd};
+    struct stat info {};
+    if (fstat(fd, &info) != 0)
+        cannotRead(path, std::strerror(errno));
+    if (S_ISDIR(info.st_mode))
+        cannotRead(path, "it is a directory");
+    if (!S_ISREG(info.st_mode))
+        cannotRead(path, "it is not a regular file");
+    if (static_cast<std::uintmax_t>(info.st_size) > kMaxImageBytes)
+        cannotRead(path, std::to_string(info.st_size) + " bytes is more than the " +
+                             std::to_string(kMaxImageBytes >> 20) + " MiB a firmware image can have");
+    std::vector<unsigned char> image(static_cast<std::size_t>(info.st_size));
+    std::size_t done = 0;
+    while (done < image.size()) {
+        const ssize_t n = ::read(fd, image.data() + done, image.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            cannotRead(path, std::strerror(errno));
+        if (n == 0)
+            break; // the file shrank meanwhile
+        done += static_cast<std::size_t>(n);
+    }
+    image.resize(done);
     if (image.empty())
         throw UserError(path + " is empty");
     return image;

@@ -68,9 +68,11 @@ int runWatch(const WatchArgs &a)
                         temp.c_str());
         std::fflush(stdout);
     }
+    // Ctrl-C ends a plain watch as it should; with --move it also
+    // interrupts the move, as it does for move --wait.
     if (interrupted() && withTarget) {
-        check(ZORStop(a.id), "stopping the focuser");
-        std::printf("Focuser %d stopped at %d.\n", a.id, readPosition(a.id));
+        stopAfterInterrupt(a.id);
+        return kInterruptedExit;
     }
     return 0;
 }
@@ -85,12 +87,10 @@ void addWatch(CLI::App &app, Commands &commands)
     addIdArgument(*watch, args->id);
     watch->add_option("-i,--interval", args->interval, "Seconds between samples (default 1)")
         ->check(CLI::Range(0.05, 3600.0));
-    watch->add_option("-n,--count", args->count, "Stop after this many samples (default: until Ctrl-C)")
-        ->check(CLI::NonNegativeNumber);
-    watch
-        ->add_option("--move", args->moveTo,
-                     "Start a move to this step first and show its target; Ctrl-C then stops the focuser")
-        ->check(CLI::NonNegativeNumber);
+    addWholeNumber(*watch, "-n,--count", args->count, "Stop after this many samples (default: until Ctrl-C)",
+                   0);
+    addWholeNumber(*watch, "--move", args->moveTo,
+                   "Start a move to this step first and show its target; Ctrl-C then stops the focuser", 0);
     commands.push_back({watch, [args] { return runWatch(*args); }});
 }
 

@@ -48,7 +48,14 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
                            "$ZOR_SIM, else one ZOR Pro, " +
                                std::string(kDefaultSimulation) + ")")
                 ->expected(0, 1)
-                ->type_name("[DEVICES]");
+                ->type_name("[DEVICES]")
+                ->check(CLI::Validator(
+                    [](std::string &devices) {
+                        const std::string problem = descriptionProblem(devices);
+                        return problem.empty() ? problem
+                                               : "DEVICES does not describe virtual focusers: " + problem;
+                    },
+                    "DEVICES"));
         app.add_flag("--version", version, "Print the versions of zorctl and the library");
         app.footer("Examples:\n"
                    "  zorctl list\n"
@@ -186,24 +193,6 @@ int runShell(char **argv)
 }
 
 } // namespace
-
-void addIdArgument(CLI::App &sub, int &id)
-{
-    sub.add_option("ID", id, "Focuser ID, as 'zorctl list' shows it")
-        ->required()
-        ->check(CLI::Validator(
-            [](std::string &text) -> std::string {
-                char *end = nullptr;
-                const long v = std::strtol(text.c_str(), &end, 10);
-                if (text.empty() || *end != '\0' || v < 0 || v >= ZOR_BLE_ID_BASE)
-                    return "a whole number from 0 to " + std::to_string(ZOR_BLE_ID_BASE - 1) +
-                           " is needed (a focuser on USB), not " + text;
-                return std::string();
-            },
-            "0-49"));
-}
-
-void addJsonFlag(CLI::App &sub, bool &json) { sub.add_flag("--json", json, "Print JSON instead of text"); }
 
 } // namespace zorctl
 

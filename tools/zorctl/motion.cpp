@@ -2,6 +2,8 @@
 
 #include "device.h"
 
+#include <cstdio>
+
 namespace zorctl {
 
 MotionSample sampleMotion(int id)
@@ -16,6 +18,14 @@ int readPosition(int id)
 {
     int position = 0;
     check(ZORGetPosition(id, &position), "reading the position");
+    return position;
+}
+
+int stopAfterInterrupt(int id)
+{
+    check(ZORStop(id), "stopping the focuser");
+    const int position = readPosition(id);
+    std::printf("Interrupted: focuser %d stopped at %d.\n", id, position);
     return position;
 }
 

@@ -12,6 +12,9 @@ struct MotionSample {
 MotionSample sampleMotion(int id);
 int readPosition(int id);
 
+// Ctrl-C during a move: stops the focuser, says where, returns the position.
+int stopAfterInterrupt(int id);
+
 // Throws UserError unless 0 <= step <= the focuser's step range.
 void checkStep(int id, int step);
 

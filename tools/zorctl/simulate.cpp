@@ -3,6 +3,8 @@
 #include "errors.h"
 #include "zorctl_paths.h"
 
+#include "sim/sim_control.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -88,8 +90,7 @@ std::string simulatedHome()
     return home.string();
 }
 
-// hidapi's calls must reach the preloaded library, and its hid_init fails
-// when ZOR_SIM cannot be read.
+// hidapi's calls must reach the preloaded library.
 void checkLoaded(const std::string &library)
 {
     Dl_info info{};
@@ -99,21 +100,21 @@ void checkLoaded(const std::string &library)
         !fs::equivalent(info.dli_fname, library, ec))
         throw UserError("the virtual focusers did not load (" + library +
                         " was preloaded, but hidapi's calls do not reach it)");
-    using Init = int (*)();
-    using Error = const wchar_t *(*)(void *);
-    const auto init = reinterpret_cast<Init>(dlsym(RTLD_DEFAULT, "hid_init"));
-    const auto error = reinterpret_cast<Error>(dlsym(RTLD_DEFAULT, "hid_error"));
-    if (init && init() != 0) {
-        std::string reason;
-        for (const wchar_t *w = error ? error(nullptr) : L""; w && *w; ++w)
-            reason += *w < 0x80 ? static_cast<char>(*w) : '?';
-        throw UserError("no virtual focusers: " + reason);
-    }
 }
 
 #endif
 
 } // namespace
+
+std::string descriptionProblem(const std::string &description)
+{
+    try {
+        zorsim::parseDescription(description);
+        return std::string();
+    } catch (const std::invalid_argument &e) {
+        return e.what();
+    }
+}
 
 std::string findSimLibrary()
 {
@@ -158,6 +159,10 @@ void enterSimulation(const std::string &description, char **argv)
         devices = env("ZOR_SIM");
     if (devices.empty())
         devices = kDefaultSimulation;
+    // Checked here, so that a mistake is reported once, by zorctl, rather
+    // than by the virtual focusers of the restarted program.
+    if (const std::string problem = descriptionProblem(devices); !problem.empty())
+        throw UserError("ZOR_SIM does not describe virtual focusers: " + problem);
     const std::string home = simulatedHome();
     setenv("ZOR_SIM", devices.c_str(), 1);
     setenv("LD_PRELOAD", preloadList(library).c_str(), 1);

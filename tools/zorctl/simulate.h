@@ -15,6 +15,10 @@ constexpr const char *kDefaultSimulation = "pro@382";
 // virtual focusers answer hidapi's calls and returns.
 void enterSimulation(const std::string &description, char **argv);
 
+// Why `description` does not describe virtual focusers (as ZOR_SIM does), or
+// empty when it does.
+std::string descriptionProblem(const std::string &description);
+
 // Where the virtual-focuser library is; throws UserError naming the places
 // searched when it is in none of them.
 std::string findSimLibrary();
