@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -433,9 +434,16 @@ TEST_F(BleExchange, RawPassThroughSendsUnframedAndCopiesAnswersThatFit)
     EXPECT_EQ(transport->waitCalls(), 0);
     EXPECT_TRUE(transport->isReadCalls().empty());
 
+    // It is an exchange like the framed ones: it holds the exchange lock.
+    bool lockedDuringSend = false;
+    transport->setResponder([&](const Bytes &) {
+        lockedDuringSend = std::async(std::launch::async, [&] { return !lockIsFree(*device); }).get();
+        return std::vector<Bytes>{};
+    });
     transport->setSendAccepted(true);
     transport->queueFrame({1, 2, 3, 4});
     EXPECT_EQ(device->BLESendData(2, input, 4, true, output), ZOR_SUCCESS);
+    EXPECT_TRUE(lockedDuringSend);
     EXPECT_EQ(Bytes(output, output + 8), (Bytes{1, 2, 3, 4, 0x55, 0x55, 0x55, 0x55}));
 
     transport->queueFrame({9, 9, 9, 9, 9});
