@@ -218,6 +218,11 @@ TEST_F(BluetoothCalls, PairingSendsTheHostAddressAndOpensTheFeaturesOfItsFirmwar
     EXPECT_EQ(std::vector<int>({battery.battery_temp, battery.battery_vol, battery.battery_percentage,
                                 battery.battery_charge_vol}),
               (std::vector<int>{25, 0x3039, 80, 0x411A}));
+    answer({BLEProtocol::CMD_DEVICE, 0x7E, 0x5A, 0x02, 0x0D}, {0x0D, 'S', 'c', 'o', 'p', 'e'});
+    ZOR_INFO property;
+    ASSERT_EQ(ZORGetProperty(ZOR_BLE_ID_BASE, &property), ZOR_SUCCESS);
+    EXPECT_STREQ(property.Name, "ZOR(Scope)");
+    EXPECT_EQ(property.MaxStep, 600000);
 }
 
 TEST_F(BluetoothCalls, AFailedPairingStopsTheMoveAndDropsTheLink)
