@@ -1,6 +1,5 @@
-#include "scripted_platform.h"
-
 #include "ble_transport/platform_manager.h"
+#include "scripted_transport.h"
 
 namespace zor_test {
 

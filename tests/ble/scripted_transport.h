@@ -295,4 +295,8 @@ private:
     int m_disconnects = 0;
 };
 
+// Test programs' process-wide Bluetooth manager, in place of the platform's
+// (which only the library links): every factory handle forwards to it.
+ScriptedTransport &platformTransport();
+
 } // namespace zor_test

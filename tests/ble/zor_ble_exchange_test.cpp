@@ -326,19 +326,6 @@ TEST_F(BleExchange, OutOfRangeErrorsReleaseTheLock)
     EXPECT_EQ(request(response), ZOR_SUCCESS);
 }
 
-TEST_F(BleExchange, CounterIsSharedByAllDevices)
-{
-    CZOR other;
-    ScriptedTransport *otherTransport = attach(other);
-    Bytes unused;
-    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
-    ASSERT_EQ(other.bleSendData(BLEProtocol::CMD_DEVICE, kGetParams, false, unused), ZOR_SUCCESS);
-    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
-    const uint8_t first = sequenceOf(transport->sent()[0]);
-    EXPECT_EQ(sequenceOf(otherTransport->sent()[0]), static_cast<uint8_t>(first + 1));
-    EXPECT_EQ(sequenceOf(transport->sent()[1]), static_cast<uint8_t>(first + 2));
-}
-
 namespace {
 
 // Notes every send that begins while another request still awaits its answer.

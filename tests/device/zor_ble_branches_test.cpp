@@ -246,22 +246,4 @@ TEST_F(BleBranches, WritesAndTheirPayloads)
     EXPECT_EQ(device.setBeep(true, true), ZOR_ERROR_BLE_SEND);
 }
 
-TEST_F(BleBranches, BatteryBlockIsDecodedFromAnswerByteFour)
-{
-    ZOR_BATTERY_INFO info;
-    EXPECT_EQ(device.getBatteryInfo(&info, true), ZOR_ERROR_NOT_SUPPORTED);
-    CZORTestAccess::openIdentity(device);
-    // Byte 3 echoes the code; the block follows, its first byte unused.
-    answer(0x02, 0x1E, {0x1E, 0xAA, 125, 0x30, 0x39, 0x00, 0x64, 0x50, 0x01, 0x2C, 0x5F, 0x41, 0x1A});
-    ASSERT_EQ(device.getBatteryInfo(&info, true), ZOR_SUCCESS);
-    EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x02, 0x1E, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(std::vector<int>({info.battery_temp, info.battery_vol, info.battery_percentage, info.battery_charge_vol}),
-              (std::vector<int>{25, 0x3039, 0x50, 0x411A}));
-    // A block of 10 bytes, and an answer without any.
-    for (const Bytes &content : {Bytes{0x1E, 0xAA, 125, 1, 2, 3, 4, 5, 6, 7}, Bytes{}}) {
-        answer(0x02, 0x1E, content);
-        EXPECT_EQ(device.getBatteryInfo(&info, true), ZOR_ERROR_BAD_DATA);
-    }
-}
-
 } // namespace
