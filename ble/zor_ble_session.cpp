@@ -27,8 +27,9 @@ constexpr size_t kAllInfoMinBytes = 20;
 constexpr size_t kAllInfoBatteryAt = 18;
 constexpr double kLowestTemperature = -200.0;
 
-// Copies a text into a 64-byte record field: at most 63 bytes, the rest of
-// those 63 zero-filled, the 64th left as the caller had it.
+// Copies a text into a 64-byte record field: at most 63 bytes, the 64th left
+// as the caller had it. No access outside a buffer: only the text's own bytes
+// are read, and the rest of the 63 is zero-filled.
 template <size_t N> void copyText(char (&field)[N], const std::string &text)
 {
     const size_t n = std::min(text.size(), N - 1);

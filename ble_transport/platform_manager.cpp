@@ -6,7 +6,9 @@
 
 IBluetoothLEManager &platformBluetoothManager()
 {
-    // Never destroyed: handles may still forward to it while the process ends.
+    // Made on first Bluetooth use, not while the library loads, so that loading
+    // never waits for a radio; never destroyed, since handles may still
+    // forward to it while the process ends.
     static IBluetoothLEManager *const manager = new UnavailableBluetoothLEManager();
     return *manager;
 }
