@@ -11,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -238,6 +239,18 @@ TEST_F(BluetoothCalls, StateCallbacks)
     EXPECT_EQ(link().disconnectCalls(), 1);
     EXPECT_EQ(CZORTestAccess::state(device()).at(3), 0) << "no longer connected";
     EXPECT_EQ(ZORBLEDisconnect(60), ZOR_ERROR_CLOSED);
+
+    // Lost links reported while another thread polls the device.
+    std::thread poller([] {
+        for (int i = 0, step = 0; i < 200; ++i)
+            ZORGetPosition(kId, &step);
+    });
+    for (int i = 0; i < 200; ++i) {
+        ZORBLERegConnStateCallback(kId, onConnState);
+        link().fireConnectionState(false);
+    }
+    poller.join();
+    EXPECT_EQ(link().disconnectCalls(), 201);
 }
 
 TEST_F(BluetoothCalls, AllInfoDecodesTheWholeRecord)
