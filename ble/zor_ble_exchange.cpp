@@ -174,6 +174,8 @@ int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> 
 int CZOR::BLESendData(int type, char *input, int inputLength, bool waitForResponse, char *output)
 {
     (void)type;
+    // An exchange like any other: no framed request may interleave with it.
+    std::lock_guard<std::mutex> lock(m_bleMutex);
     IBluetoothLEManager *manager = m_pBleManager.get();
     if (!manager)
         return ZOR_ERROR_BLE_NOT_CONNECTED;

@@ -9,6 +9,7 @@
 #include <hidapi.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -103,6 +104,20 @@ public:
     void setBleManager(std::unique_ptr<IBluetoothLEManager> manager);
     void setPairStateCallback(ZORPairStateCallback callback) { m_pairStateCallback = callback; }
 
+    // Bluetooth session
+    int BLEScan(int durationMs, BLE_DEVICE_INFO *list, int maxCount, int *found);
+    int BLEConnect(const char *name, const char *address);
+    int BLEPair();
+    int BLEClearPair();
+    int BLEDisconnect();
+    int BLERegPairStateCallback(ZORPairStateCallback callback);
+    int BLERegConnStateCallback(ZORConnStateCallback callback);
+    int BLEGetAllInfo(ZOR_ALL_INFO *info);
+
+    // Bluetooth firmware update
+    int BLEStartUpdate(int size);
+    int BLEWriteUpdateFile(ZOR_BLE_FILE_BUF buffer);
+
     // Settings kept on the host
     void InitSubKey();
     void LoadSetting();
@@ -147,6 +162,16 @@ private:
     bool featureSupported(int id) const;
     template <typename Out, typename Member> int readParam(Out *out, const Member &member, bool ble);
     void applyFirmwareReply(const unsigned char *reply);
+    // The transport, made with the factory on first use.
+    IBluetoothLEManager &bleManager();
+    // The host's Bluetooth address without its ':' separators.
+    std::string localAddressText();
+    // The rules a successful pairing applies after reading the firmware reply.
+    void applyPairingRules();
+    // The link goes down: the motor is stopped if it moves, the transport
+    // disconnects and the session flags fall.
+    void dropBleLink(bool mayWaitForLock);
+    void onConnectionState(bool connected);
 
     hid_device *m_hDev = nullptr;
     std::recursive_mutex m_mutex;
@@ -179,7 +204,8 @@ private:
     float m_fTempLast = 0;
     std::mutex m_bleMutex;
     std::string m_strModel;
-    bool m_bBleConnected = false;
+    // Set and cleared by the client's calls and by the transport's thread.
+    std::atomic<bool> m_bBleConnected{false};
     bool m_bLedOn = true;
     // Supported flags, stored in this order (which differs from the IDs'
     // order: Battery info before ZOR Type).
@@ -203,11 +229,15 @@ private:
     int m_iTempMin = -20;
     std::unique_ptr<IBluetoothLEManager> m_pBleManager;
 
-    // Bluetooth session
-    ZORPairStateCallback m_pairStateCallback = nullptr;
-    ZORConnStateCallback m_connStateCallback = nullptr;
-    bool m_bBlePaired = false;
-    bool m_bBleSessionReady = false;
+    // Bluetooth session: the callbacks are read on the transport's thread
+    // and on the requesting thread.
+    std::atomic<ZORPairStateCallback> m_pairStateCallback{nullptr};
+    std::atomic<ZORConnStateCallback> m_connStateCallback{nullptr};
+    std::atomic<bool> m_bBlePaired{false};
+    std::atomic<bool> m_bBleSessionReady{false};
+    // Alive as long as this object: the connection-state handler given to the
+    // process-wide transport checks it, since the transport may outlive us.
+    std::shared_ptr<CZOR *> m_liveness = std::make_shared<CZOR *>(this);
 
     friend class CZORTestAccess;
 };

@@ -414,13 +414,13 @@ int CZOR::getBatteryInfo(ZOR_BATTERY_INFO *info, bool ble)
         return ZOR_ERROR_NOT_SUPPORTED;
     const unsigned char request[kShortRequest] = {kReportIdOut, kMarkHi, kMarkLo, kGroupQuery, 0x1E};
     Reply reply;
-    // Over Bluetooth the decoder reads the whole answer, from its length byte on.
     const int result = query(request, sizeof request, ble, false, reply);
     if (result != ZOR_SUCCESS)
         return result;
-    if (ble)
-        return parseBatteryInfo(reply.bytes, reply.length, info);
-    return parseBatteryInfo(reply.bytes + 4, 16, info);
+    // The block starts at reply byte 4 over both links: a Bluetooth answer has
+    // the USB reply's byte positions from byte 3 on.
+    const size_t blockLength = ble ? (reply.length > 4 ? reply.length - 4 : 0) : 16;
+    return parseBatteryInfo(reply.bytes + 4, blockLength, info);
 }
 
 int CZOR::setFactoryMode()

@@ -145,6 +145,12 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_sendArgs;
     }
+    // The (reserved1, reserved2) arguments of every ReceiveData call.
+    std::vector<std::pair<uint32_t, uint32_t>> receiveDataArguments() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_receiveDataArgs;
+    }
     std::vector<bool> isReadCalls() const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -218,7 +224,11 @@ public:
         }
         return true;
     }
-    void ReceiveData(uint32_t, uint32_t) override {}
+    void ReceiveData(uint32_t reserved1, uint32_t reserved2) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_receiveDataArgs.emplace_back(reserved1, reserved2);
+    }
     void GetReceivedData(std::vector<unsigned char> &data) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -277,11 +287,16 @@ private:
 
     std::vector<Bytes> m_sent;
     std::vector<std::pair<uint32_t, uint32_t>> m_sendArgs;
+    std::vector<std::pair<uint32_t, uint32_t>> m_receiveDataArgs;
     std::vector<bool> m_isReadCalls;
     std::vector<std::string> m_connectNames;
     int m_waitCalls = 0;
     int m_receiveCalls = 0;
     int m_disconnects = 0;
 };
+
+// Test programs' process-wide Bluetooth manager, in place of the platform's
+// (which only the library links): every factory handle forwards to it.
+ScriptedTransport &platformTransport();
 
 } // namespace zor_test

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -143,103 +144,71 @@ TEST_F(BleExchange, RefusedSendAndFailedWaitLeaveResponseAlone)
     EXPECT_EQ(response, Bytes{0xEE});
 }
 
-TEST_F(BleExchange, NormalAnswerIsVerifiedAndReturnedWithoutTypeAndChecksum)
+// What arrives after a request, and what the request makes of it. `answer`
+// is what the caller gets back (from the request's sequence), or nothing
+// when its vector is to stay untouched.
+TEST_F(BleExchange, AnswersNotificationsAndTheirOutcomes)
 {
-    transport->setResponder(
-        answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0, {0xA1, 0xA2, 0xA3, 0x10})}; }));
-    Bytes response;
-    ASSERT_EQ(request(response), ZOR_SUCCESS);
-    const uint8_t seq = sequenceOf(transport->sent().back());
-    EXPECT_EQ(response, (Bytes{0x04, seq, 0x00, 0xA1, 0xA2, 0xA3, 0x10}));
-    EXPECT_EQ(exchangeLog().back(), "decodeResponse ret:0");
-
-    transport->setResponder(
-        answer([](uint8_t seq) { return std::vector<Bytes>{corrupted(responseFrame(seq, 0, {0x01}))}; }));
-    Bytes untouched{0xEE};
-    EXPECT_EQ(request(untouched), ZOR_ERROR_BLE_RESPONSE);
-    EXPECT_EQ(untouched, Bytes{0xEE});
-    EXPECT_EQ(exchangeLog().back(), "decodeResponse ret:-1");
-}
-
-TEST_F(BleExchange, OtherStatusesAndFrameTypesPassUnchecked)
-{
-    // Status 0x05 with a wrong checksum: accepted, checksum byte kept.
-    Bytes answer5;
-    transport->setResponder(answer([&answer5](uint8_t seq) {
-        answer5 = corrupted(responseFrame(seq, 0x05, {0x31, 0x32, 0x33}));
-        return std::vector<Bytes>{answer5};
-    }));
-    Bytes response;
-    ASSERT_EQ(request(response), ZOR_SUCCESS);
-    EXPECT_EQ(response, Bytes(answer5.begin() + 1, answer5.end()));
-
-    // A frame of an unknown type with the right sequence is handed over as it
-    // is, even when too short to hold a status.
-    transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{Bytes{0x07, 0x00, seq}}; }));
-    ASSERT_EQ(request(response), ZOR_SUCCESS);
-    EXPECT_EQ(response, (Bytes{0x00, sequenceOf(transport->sent().back())}));
-}
-
-TEST_F(BleExchange, StaleAnswerIsLoggedAndDropped)
-{
-    advanceSequenceTo(8);
-    transport->queueFrames({responseFrame(7, 0, {1, 1, 1, 7}), responseFrame(8, 0, {2, 2, 2, 8})});
-    Bytes response;
-    ASSERT_EQ(request(response), ZOR_SUCCESS);
-    EXPECT_EQ(response, (Bytes{0x04, 8, 0x00, 2, 2, 2, 8}));
-    EXPECT_EQ(transport->waitCalls(), 2);
-    const auto lines = exchangeLog();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "Received outdated response, expected command ID: 8, but got: 7, discarding and waiting "
-                         "for next response..."),
-              1);
-}
-
-TEST_F(BleExchange, NotificationsOtherThanPairingAreSkippedBadOnesFail)
-{
-    transport->setResponder(answer([](uint8_t seq) {
-        return std::vector<Bytes>{notificationFrame(0x07, {0x01}), responseFrame(seq, 0, {9, 9, 9})};
-    }));
-    Bytes response;
-    ASSERT_EQ(request(response), ZOR_SUCCESS);
-    EXPECT_EQ(response.back(), 9);
-    EXPECT_TRUE(pairCodes().empty());
-
-    transport->setResponder(answer([](uint8_t seq) {
-        return std::vector<Bytes>{corrupted(notificationFrame(0x00)), responseFrame(seq, 0)};
-    }));
-    Bytes untouched{0xEE};
-    EXPECT_EQ(request(untouched), ZOR_ERROR_BLE_RESPONSE);
-    EXPECT_EQ(untouched, Bytes{0xEE});
-    EXPECT_TRUE(pairCodes().empty());
-    const auto lines = exchangeLog();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "bleSendData recv Notification data"), 2);
-    EXPECT_EQ(lines.back(), "decodeNotification ret:-1");
-}
-
-TEST_F(BleExchange, PairingNotificationsEndTheRequest)
-{
-    const auto pairingThenAnswer = [](uint8_t status) {
-        return answer([status](uint8_t seq) {
-            return std::vector<Bytes>{notificationFrame(status), responseFrame(seq, 0, {5, 5, 5})};
-        });
+    using Frames = std::function<std::vector<Bytes>(uint8_t)>;
+    struct Case {
+        const char *what;
+        Frames frames;
+        int result;
+        std::function<Bytes(uint8_t)> answer;
+        std::vector<int> pairCodes;
+        std::string lastLine;
     };
-    Bytes response{0xEE};
-    transport->setResponder(pairingThenAnswer(0x01));
-    EXPECT_EQ(request(response), ZOR_ERROR_BLE_PAIR_REJECTED);
-    EXPECT_EQ(pairCodes(), std::vector<int>{ZOR_ERROR_BLE_PAIR_REJECTED});
-    EXPECT_EQ(transport->framesQueued(), 1u);
-
-    transport->setResponder(pairingThenAnswer(0x00));
-    EXPECT_EQ(request(response), ZOR_SUCCESS);
-    EXPECT_EQ(pairCodes(), (std::vector<int>{ZOR_ERROR_BLE_PAIR_REJECTED, ZOR_SUCCESS}));
-    EXPECT_EQ(response, Bytes{0xEE});
-
-    // Without a registered callback the outcome is the same.
-    device->setPairStateCallback(nullptr);
-    transport->setResponder(pairingThenAnswer(0x01));
-    EXPECT_EQ(request(response), ZOR_ERROR_BLE_PAIR_REJECTED);
-    EXPECT_EQ(pairCodes().size(), 2u);
+    const Bytes untouched{0xEE};
+    const auto stripped = [](Bytes frame) { return Bytes(frame.begin() + 1, frame.end()); };
+    const Case cases[] = {
+        {"a checked answer loses its type and checksum",
+         [](uint8_t s) { return std::vector<Bytes>{responseFrame(s, 0, {0xA1, 0xA2, 0xA3, 0x10})}; }, ZOR_SUCCESS,
+         [](uint8_t s) { return Bytes{0x04, s, 0x00, 0xA1, 0xA2, 0xA3, 0x10}; }, {}, "decodeResponse ret:0"},
+        {"a wrong checksum", [](uint8_t s) { return std::vector<Bytes>{corrupted(responseFrame(s, 0, {0x01}))}; },
+         ZOR_ERROR_BLE_RESPONSE, nullptr, {}, "decodeResponse ret:-1"},
+        {"another status passes unchecked, checksum and all",
+         [](uint8_t s) { return std::vector<Bytes>{corrupted(responseFrame(s, 0x05, {0x31, 0x32, 0x33}))}; },
+         ZOR_SUCCESS, [&](uint8_t s) { return stripped(corrupted(responseFrame(s, 0x05, {0x31, 0x32, 0x33}))); }, {},
+         "input:02, 03, iCommandId:"},
+        {"an unknown type too short for a status",
+         [](uint8_t s) { return std::vector<Bytes>{Bytes{0x07, 0x00, s}}; }, ZOR_SUCCESS,
+         [](uint8_t s) { return Bytes{0x00, s}; }, {}, "input:02, 03, iCommandId:"},
+        {"a stale answer is dropped",
+         [](uint8_t s) {
+             return std::vector<Bytes>{responseFrame(uint8_t(s - 1), 0, {1}), responseFrame(s, 0, {2})};
+         },
+         ZOR_SUCCESS, [](uint8_t s) { return Bytes{0x01, s, 0x00, 2}; }, {}, "decodeResponse ret:0"},
+        {"other notifications are skipped",
+         [](uint8_t s) { return std::vector<Bytes>{notificationFrame(0x07, {0x01}), responseFrame(s, 0, {9})}; },
+         ZOR_SUCCESS, [](uint8_t s) { return Bytes{0x01, s, 0x00, 9}; }, {}, "decodeResponse ret:0"},
+        {"a notification with a wrong checksum",
+         [](uint8_t s) { return std::vector<Bytes>{corrupted(notificationFrame(0x00)), responseFrame(s, 0)}; },
+         ZOR_ERROR_BLE_RESPONSE, nullptr, {}, "decodeNotification ret:-1"},
+        {"a refused pairing ends the request",
+         [](uint8_t s) { return std::vector<Bytes>{notificationFrame(0x01), responseFrame(s, 0, {5})}; },
+         ZOR_ERROR_BLE_PAIR_REJECTED, nullptr, {ZOR_ERROR_BLE_PAIR_REJECTED}, "bleSendData recv Notification data"},
+        {"so does an accepted one, unanswered",
+         [](uint8_t s) { return std::vector<Bytes>{notificationFrame(0x00), responseFrame(s, 0, {5})}; }, ZOR_SUCCESS,
+         nullptr, {ZOR_SUCCESS}, "bleSendData recv Notification data"},
+    };
+    for (const Case &c : cases) {
+        transport = attach(*device);
+        transport->setResponder(answer(c.frames));
+        {
+            std::lock_guard<std::mutex> lock(g_pairCodesMutex);
+            g_pairCodes.clear();
+        }
+        Bytes response = untouched;
+        EXPECT_EQ(request(response), c.result) << c.what;
+        const uint8_t seq = sequenceOf(transport->sent().back());
+        EXPECT_EQ(response, c.answer ? c.answer(seq) : untouched) << c.what;
+        EXPECT_EQ(pairCodes(), c.pairCodes) << c.what;
+        EXPECT_EQ(exchangeLog().back().rfind(c.lastLine, 0), 0u) << c.what << ": " << exchangeLog().back();
+    }
+    const std::vector<std::string> lines = exchangeLog();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string &l) { return l.rfind("Received outdated response, expected", 0) == 0; }),
+              1);
 }
 
 TEST_F(BleExchange, NewConnectionToleratesTwelveFailedWaits)
@@ -323,19 +292,6 @@ TEST_F(BleExchange, OutOfRangeErrorsReleaseTheLock)
 
     transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0)}; }));
     EXPECT_EQ(request(response), ZOR_SUCCESS);
-}
-
-TEST_F(BleExchange, CounterIsSharedByAllDevices)
-{
-    CZOR other;
-    ScriptedTransport *otherTransport = attach(other);
-    Bytes unused;
-    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
-    ASSERT_EQ(other.bleSendData(BLEProtocol::CMD_DEVICE, kGetParams, false, unused), ZOR_SUCCESS);
-    ASSERT_EQ(request(unused, false), ZOR_SUCCESS);
-    const uint8_t first = sequenceOf(transport->sent()[0]);
-    EXPECT_EQ(sequenceOf(otherTransport->sent()[0]), static_cast<uint8_t>(first + 1));
-    EXPECT_EQ(sequenceOf(transport->sent()[1]), static_cast<uint8_t>(first + 2));
 }
 
 namespace {
@@ -433,9 +389,16 @@ TEST_F(BleExchange, RawPassThroughSendsUnframedAndCopiesAnswersThatFit)
     EXPECT_EQ(transport->waitCalls(), 0);
     EXPECT_TRUE(transport->isReadCalls().empty());
 
+    // It is an exchange like the framed ones: it holds the exchange lock.
+    bool lockedDuringSend = false;
+    transport->setResponder([&](const Bytes &) {
+        lockedDuringSend = std::async(std::launch::async, [&] { return !lockIsFree(*device); }).get();
+        return std::vector<Bytes>{};
+    });
     transport->setSendAccepted(true);
     transport->queueFrame({1, 2, 3, 4});
     EXPECT_EQ(device->BLESendData(2, input, 4, true, output), ZOR_SUCCESS);
+    EXPECT_TRUE(lockedDuringSend);
     EXPECT_EQ(Bytes(output, output + 8), (Bytes{1, 2, 3, 4, 0x55, 0x55, 0x55, 0x55}));
 
     transport->queueFrame({9, 9, 9, 9, 9});

@@ -168,23 +168,4 @@ TEST_F(BleBranches, StoppingReadsTheStatusOnlyOverALinkMarkedConnected)
     EXPECT_EQ(payloadOf(frames[1]).at(3), 0); // enabled cleared
 }
 
-TEST_F(BleBranches, BatteryAnswerIsDecodedFromItsLengthByteOn)
-{
-    ZOR_BATTERY_INFO info;
-    EXPECT_EQ(device.getBatteryInfo(&info, true), ZOR_ERROR_NOT_SUPPORTED);
-    CZORTestAccess::openIdentity(device);
-    // The sequence number stands where the temperature is read: make it 125.
-    answerRecord(0, 0, 0, 0, 0, 0);
-    while (static_cast<unsigned char>(lastSequence + 1) != 125)
-        ASSERT_EQ(device.getParams(true), ZOR_SUCCESS);
-    answer(0x02, 0x1E, {0x30, 0x39, 0x00, 0x64, 0x50, 0x01, 0x2C, 0x5F, 0x41, 0x1A});
-    ASSERT_EQ(device.getBatteryInfo(&info, true), ZOR_SUCCESS);
-    EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x02, 0x1E, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(info.battery_temp, 25);
-    EXPECT_EQ(info.battery_vol, 0x0030); // status byte, then content byte 0
-    EXPECT_EQ(info.battery_charge_vol, 0x5F41);
-    answer(0x02, 0x1E, {}); // three bytes: too short
-    EXPECT_EQ(device.getBatteryInfo(&info, true), ZOR_ERROR_BAD_DATA);
-}
-
 } // namespace

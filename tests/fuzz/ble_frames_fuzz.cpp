@@ -1,9 +1,12 @@
-// Fuzzes the two frame decoders and the device object's handling of whatever
-// the Bluetooth link delivers. The only exception allowed out is
-// std::out_of_range from a checked access on a short frame; anything else,
-// and any memory error, crashes.
+// Fuzzes the two frame decoders, the battery decoder and the device object's
+// handling of whatever the Bluetooth link delivers. The only exception
+// allowed out is std::out_of_range from a checked access on a short frame;
+// anything else, and any memory error, crashes.
 //
 // Input: a header byte, then records.
+//   header bits 5-6: 0 the exchange, as below; 1 the all-status query, 2 the
+//          battery query, 3 an update chunk, each answered with the first
+//          record's bytes as a well-formed answer
 //   header bit 0: the request wants an answer
 //          bit 1: use the raw pass-through instead of the framed exchange
 //          bit 2: the transport refuses the send
@@ -29,6 +32,11 @@ using zor_test::ScriptedTransport;
 class CZORTestAccess {
 public:
     static std::mutex &bleMutex(CZOR &device) { return device.m_bleMutex; }
+    static void knowFirmware(CZOR &device)
+    {
+        device.fwVersion = 382;
+        device.m_bHasModelString = true;
+    }
 };
 
 namespace {
@@ -104,6 +112,39 @@ void fuzzDecoders(const uint8_t *data, size_t size)
             require(size < 4 && frame.size() == size);
         }
     }
+}
+
+void fuzzBatteryDecoder(const uint8_t *data, size_t size)
+{
+    // Exactly as long as the input, so that a read past it is caught.
+    const Bytes block(data, data + size);
+    ZOR_BATTERY_INFO info;
+    const int ret = device().parseBatteryInfo(block.data(), block.size(), &info);
+    // An empty vector may have no storage at all: a null block.
+    require(ret == ZOR_SUCCESS || ret == ZOR_ERROR_BATTERY_DATA || (ret == ZOR_ERROR_BAD_DATA && size < 11) ||
+            (ret == ZOR_ERROR_INVALID_VALUE && size == 0));
+}
+
+// The decoders behind one query, fed a well-formed answer of any content.
+void fuzzAnswerDecoders(int query, const std::vector<Record> &records)
+{
+    CZOR &zor = device();
+    CZORTestAccess::knowFirmware(zor);
+    auto owned = std::make_unique<ScriptedTransport>();
+    const Bytes content = records.empty() ? Bytes{} : records[0].bytes;
+    owned->setResponder([content](const Bytes &sent) {
+        return std::vector<Bytes>{zor_test::responseFrame(zor_test::sequenceOf(sent), 0, content)};
+    });
+    zor.setBleManager(std::move(owned));
+
+    ZOR_ALL_INFO all;
+    ZOR_BATTERY_INFO battery;
+    const int ret = query == 1   ? zor.BLEGetAllInfo(&all)
+                    : query == 2 ? zor.getBatteryInfo(&battery, true)
+                                 : zor.BLEWriteUpdateFile(ZOR_BLE_FILE_BUF{480, {}});
+    // Refused by its length or content, never a crash.
+    require(ret == ZOR_SUCCESS || ret == ZOR_ERROR_INVALID_VALUE || ret == ZOR_ERROR_BATTERY_DATA ||
+            ret == ZOR_ERROR_BAD_DATA || ret == ZOR_ERROR_BLE_UPDATE_ACK);
 }
 
 void fuzzExchange(uint8_t header, const std::vector<Record> &records)
@@ -183,8 +224,13 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzzDecoders(data, size);
+    fuzzBatteryDecoder(data, size);
     if (size == 0)
         return 0;
-    fuzzExchange(data[0], parseRecords(data + 1, size - 1));
+    const int query = (data[0] >> 5) & 3;
+    if (query)
+        fuzzAnswerDecoders(query, parseRecords(data + 1, size - 1));
+    else
+        fuzzExchange(data[0], parseRecords(data + 1, size - 1));
     return 0;
 }

@@ -2,6 +2,8 @@
 // for most calls, C++ (type-encoded) names for a few.
 #include "ZOR_focuser.h"
 
+#include "home_sandbox.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -56,19 +58,29 @@ TEST(InterfaceSymbols, OnlyInterfaceFunctionsAreExported)
         EXPECT_TRUE(kPlainNames.count(name) || kTypeEncodedNames.count(name)) << "unexpected export " << name;
 }
 
-// Every USB-side call is present under its own kind of name; the Bluetooth
-// session calls are declared but not built yet.
-TEST(InterfaceSymbols, EveryUsbCallIsExportedUnderItsSymbolKind)
+// Every call is present under its own kind of name.
+TEST(InterfaceSymbols, EveryCallIsExportedUnderItsSymbolKind)
 {
     const std::set<std::string> exported = exportedFunctions();
-    for (const std::string &name : kPlainNames) {
-        if (name.rfind("ZORBLE", 0) != 0) {
-            EXPECT_TRUE(exported.count(name)) << name;
-        }
-    }
+    for (const std::string &name : kPlainNames)
+        EXPECT_TRUE(exported.count(name)) << name;
     for (const std::string &name : kTypeEncodedNames)
         EXPECT_TRUE(exported.count(name)) << name;
     EXPECT_FALSE(exported.count("ZORSetSpeed")) << "exported with C++ linkage only";
+}
+
+// The library as built here has no platform Bluetooth: it says so, at once.
+TEST(InterfaceSymbols, BluetoothIsReportedUnavailable)
+{
+    zor_test::sandboxHome(); // the device objects start the log
+    BLE_DEVICE_INFO list[2];
+    int found = 7, id = -1;
+    EXPECT_EQ(ZORBLEScan(10, list, 2, &found), ZOR_ERROR_BLE_UNAVAILABLE);
+    EXPECT_EQ(found, 7);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(ZORBLEConnect("ZOR Pro_1", "", &id), ZOR_ERROR_BLE_CONNECT_FAILED);
+        EXPECT_EQ(id, ZOR_BLE_ID_BASE);
+    }
 }
 
 TEST(Identity, VersionProductAndVendorChecks)
