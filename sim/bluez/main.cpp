@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -23,7 +24,8 @@ adapter /org/bluez/hci0, devices that appear during discovery, their GATT
 service 7c3e0001-91b2-4d5a-8e61-2f04c3a9d7b5 and its write-and-notify
 characteristic. Meant for a private bus (scripts/ble-sim-bus.sh starts one).
 
-  --bus ADDRESS         the bus to serve (default: DBUS_SYSTEM_BUS_ADDRESS, else the system bus)
+  --bus ADDRESS         the bus to serve (default: DBUS_SYSTEM_BUS_ADDRESS; with neither
+                        the program refuses to start, to keep off the machine's own bus)
   --devices TEXT        the focusers (default: ZOR_BLE_SIM, else "pro")
   --adapter-address MAC the adapter's address (default 00:1A:7D:DA:71:13)
 
@@ -69,6 +71,8 @@ bool parseArguments(int argc, char **argv, Options &o, int &status)
 {
     if (const char *env = std::getenv("ZOR_BLE_SIM"))
         o.devices = env;
+    if (const char *env = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
+        o.bus = env;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         std::string *target = arg == "--bus" ? &o.bus
@@ -81,6 +85,11 @@ bool parseArguments(int argc, char **argv, Options &o, int &status)
         }
         status = arg == "--help" || arg == "-h" ? 0 : 2;
         (status == 0 ? std::cout : std::cerr) << kHelp;
+        return false;
+    }
+    if (o.bus.empty()) {
+        std::cerr << "zor_bluez_sim: no bus given (--bus or DBUS_SYSTEM_BUS_ADDRESS); see --help\n";
+        status = 2;
         return false;
     }
     return true;
@@ -145,8 +154,7 @@ int main(int argc, char **argv)
     sigaction(SIGINT, &stop, nullptr);
     try {
         const auto peripherals = zorsim::parseBleDescription(options.devices);
-        auto connection = options.bus.empty() ? sdbus::createSystemBusConnection()
-                                              : sdbus::createSessionBusConnectionWithAddress(options.bus);
+        auto connection = sdbus::createSessionBusConnectionWithAddress(options.bus);
         zorsim::Scheduler scheduler;
         zorsim::VirtualBluez bluez(*connection, scheduler, peripherals, options.adapterAddress);
         bool quit = false;
