@@ -223,6 +223,16 @@ void VirtualBluez::linkUp(Peripheral &p)
 
 void VirtualBluez::resolveServices(Peripheral &p)
 {
+    registerGatt(p);
+    p.service->emitInterfacesAddedSignal();
+    p.characteristic->emitInterfacesAddedSignal();
+    p.servicesResolved = true;
+    p.device->emitPropertiesChangedSignal(kDevice, {"ServicesResolved"});
+}
+
+// The focuser's service and its one characteristic, fresh for each link.
+void VirtualBluez::registerGatt(Peripheral &p)
+{
     const std::string servicePath = p.path + "/service000a";
     p.service = sdbus::createObject(connection_, servicePath);
     p.service->registerProperty("UUID").onInterface(kService).withGetter([] { return std::string(kServiceUuid); });
@@ -256,11 +266,7 @@ void VirtualBluez::resolveServices(Peripheral &p)
     c.registerProperty("Value").onInterface(kCharacteristic).withGetter([&p] { return p.value; });
     c.registerProperty("Notifying").onInterface(kCharacteristic).withGetter([&p] { return p.notifying; });
     c.finishRegistration();
-
-    p.service->emitInterfacesAddedSignal();
-    p.characteristic->emitInterfacesAddedSignal();
-    p.servicesResolved = true;
-    p.device->emitPropertiesChangedSignal(kDevice, {"ServicesResolved"});
+    p.value.clear();
 }
 
 // The device object disappears, as BlueZ removes a device that went away.

@@ -49,6 +49,7 @@ class VirtualBluez {
     void connect(Peripheral &p, sdbus::Result<> &&result);
     void linkUp(Peripheral &p);
     void resolveServices(Peripheral &p);
+    void registerGatt(Peripheral &p);
     void vanish(Peripheral &p);
     void tearDown(Peripheral &p);
     void write(Peripheral &p, const std::vector<uint8_t> &frame);
