@@ -130,8 +130,7 @@ TEST(VirtualBluez, DiscoveryConnectionNotificationsAndALostLink)
     EXPECT_EQ(BLEProtocol::decodeResponse(answer), 0);
 
     // A link dropped on request reads as Connected turning false.
-    auto control = sdbus::createProxy(*bus, "com.zor.Sim", "/com/zor/Sim");
-    control->callMethod("SetFault").onInterface("com.zor.Sim").withArguments("Garage", "drop");
+    bluez.control("SetFault", std::string("Garage"), std::string("drop"));
     characteristic.proxy->callMethod("WriteValue")
         .onInterface(kCharacteristic)
         .withArguments(requestFrame(43, BLEProtocol::CMD_DEVICE, {0x7E, 0x5A, 0x02, 0x03}), request);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <poll.h>
 #include <signal.h>
@@ -54,6 +55,18 @@ class PrivateBluez {
 
     // The bus address, as DBUS_SYSTEM_BUS_ADDRESS takes it; empty on failure.
     const std::string &address() const { return address_; }
+
+    // Calls a method of the simulator's control interface, for example
+    // control("SetFault", "Garage", "silent"); see zor_bluez_sim --help.
+    template <typename... Args>
+    void control(const std::string &method, const Args &...args) const
+    {
+        auto bus = sdbus::createSessionBusConnectionWithAddress(address_);
+        sdbus::createProxy(*bus, "com.zor.Sim", "/com/zor/Sim")
+            ->callMethod(method)
+            .onInterface("com.zor.Sim")
+            .withArguments(args...);
+    }
 
   private:
     // The script's one line, "DBUS_SYSTEM_BUS_ADDRESS=...", within 10 s.
