@@ -54,7 +54,8 @@ BluezCentral::BluezCentral()
     m_loop = std::make_unique<DBusLoop>(m_bus.get(), [this] { onBluezGone(); });
 }
 
-BluezCentral::~BluezCentral() { m_loop.reset(); }
+// The thread stops first: it uses everything else.
+BluezCentral::~BluezCentral() { m_loop->stop(); }
 
 sdbus::IProxy &BluezCentral::proxy(const std::string &path)
 {

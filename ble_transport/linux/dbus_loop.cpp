@@ -24,13 +24,19 @@ DBusLoop::DBusLoop(sdbus::IConnection *bus, Task onBusLost)
 
 DBusLoop::~DBusLoop()
 {
+    stop();
+    close(m_wakeFd);
+}
+
+void DBusLoop::stop()
+{
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stopping = true;
     }
     post(nullptr);
-    m_thread.join();
-    close(m_wakeFd);
+    if (m_thread.joinable())
+        m_thread.join();
 }
 
 void DBusLoop::post(Task task)

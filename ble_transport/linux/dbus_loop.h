@@ -25,6 +25,8 @@ public:
     DBusLoop &operator=(const DBusLoop &) = delete;
 
     void post(Task task);
+    // Stops and joins the thread (from another thread); later tasks never run.
+    void stop();
 
 private:
     void run();
