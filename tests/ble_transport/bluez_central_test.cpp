@@ -208,9 +208,9 @@ TEST(BluezCentral, ConnectsExchangesAndTellsEachWayTheLinkEnds)
 
         c.end(*manager, fake, record);
         std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(manager->IsBluetoothLESupported(), c.supportedAfter) << c.name;
         std::lock_guard<std::mutex> lock(mutex);
         EXPECT_EQ(states, c.states) << c.name;
-        EXPECT_EQ(manager->IsBluetoothLESupported(), c.supportedAfter) << c.name;
     }
 }
 
