@@ -150,15 +150,6 @@ bool BluetoothLEManager::SendData(const std::vector<unsigned char> &data, uint32
     return true;
 }
 
-void BluetoothLEManager::SendData1(const std::vector<unsigned char> &data, uint32_t reserved1, uint32_t reserved2,
-                                   std::function<void(bool)> callback)
-{
-    ZOR_LOG("SendData1, size: %d", static_cast<int>(data.size()));
-    SendData(data, reserved1, reserved2);
-    if (callback)
-        callback(true);
-}
-
 void BluetoothLEManager::ReceiveData(uint32_t, uint32_t) {}
 
 void BluetoothLEManager::setIsRead(bool isRead)

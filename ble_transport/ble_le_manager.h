@@ -34,10 +34,6 @@ public:
     void setIsRead(bool isRead) override;
     void ConnectStateCallbackFunc(std::function<void(bool)> callback) override;
 
-    // Sends, then reports true to `callback` when one is given.
-    void SendData1(const std::vector<unsigned char> &data, uint32_t reserved1, uint32_t reserved2,
-                   std::function<void(bool)> callback);
-
 private:
     void onCentralManagerUpdateState() override;
     void onPeripheralConnectCompleted() override;
