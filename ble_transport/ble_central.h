@@ -59,4 +59,6 @@ public:
     // early once one has.
     virtual void waitForEvents(std::chrono::milliseconds limit) = 0;
     virtual void sleepFor(std::chrono::milliseconds duration) { std::this_thread::sleep_for(duration); }
+    // True on the thread that delivers the events: no wait there can see one.
+    virtual bool isEventThread() const { return false; }
 };

@@ -76,6 +76,11 @@ void BluetoothLEManager::ScanForDevices(uint32_t durationMs, std::vector<DeviceI
 
 bool BluetoothLEManager::waitForConnectCompletion()
 {
+    // On the event thread (a connection-state callback calling back in)
+    // the completion could only come after the wait: it ends at once, so
+    // that the thread never stalls.
+    if (m_central->isEventThread())
+        return m_isPCCompleted;
     for (int cycle = 0; cycle < kConnectCycles && !m_isPCCompleted; ++cycle)
         runCycle(kConnectPause);
     return m_isPCCompleted;
@@ -169,7 +174,9 @@ bool BluetoothLEManager::WaitForDataAndProcess()
 {
     if (m_bDataReady.exchange(false))
         return true;
-    for (int count = kDataCountdown; count != 1;) {
+    // As for the connect wait: nothing can arrive while the event thread waits.
+    const int countdown = m_central->isEventThread() ? 1 : kDataCountdown;
+    for (int count = countdown; count != 1;) {
         runCycle(kDataPause);
         --count;
         if (!m_bDataReady)

@@ -25,6 +25,8 @@ public:
     BluezCentral();
     ~BluezCentral() override;
 
+    bool isEventThread() const override { return m_loop->isLoopThread(); }
+
 protected:
     void platformStart() override;
     void platformStartScan() override;

@@ -25,6 +25,7 @@ public:
     DBusLoop &operator=(const DBusLoop &) = delete;
 
     void post(Task task);
+    bool isLoopThread() const { return std::this_thread::get_id() == m_thread.get_id(); }
     // Stops and joins the thread (from another thread); later tasks never run.
     void stop();
 

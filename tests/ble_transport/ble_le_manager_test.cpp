@@ -23,6 +23,7 @@ public:
     bool connectSuccess = true;
     std::vector<DeviceInfo> discovered;
     int waits = 0;
+    bool eventThread = false;
     std::vector<std::string> calls;
 
     void start(Listener &listener) override { m_listener = &listener; }
@@ -56,6 +57,7 @@ public:
             event->second(*m_listener);
     }
     void sleepFor(std::chrono::milliseconds) override {}
+    bool isEventThread() const override { return eventThread; }
 
 private:
     Listener *m_listener = nullptr;
@@ -215,6 +217,16 @@ TEST_F(ManagerTest, LinkLossReachesTheCallbackUntilADisconnectEmptiesIt)
     EXPECT_EQ(lines("onPeripheralDisconnect"),
               (std::vector<std::string>{"Peripheral disconnected", "Disconnect callback, state: false",
                                         "Peripheral disconnected", "s_connectStatusCallback is NULL, ignore"}));
+}
+
+TEST_F(ManagerTest, OnTheEventThreadWaitsEndAtOnce)
+{
+    central->eventThread = true;
+    manager->setIsRead(true);
+    EXPECT_FALSE(manager->ConnectToDevice("ZOR", ""));
+    EXPECT_FALSE(manager->WaitForDataAndProcess());
+    EXPECT_EQ(central->waits, 0);
+    EXPECT_EQ(lines("WaitForDataAndProcess").back(), "===== Debug: Data waiting timed out after 1 seconds.");
 }
 
 TEST_F(ManagerTest, SendReportsSuccessWhateverTheWriteDoes)
