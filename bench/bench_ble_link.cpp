@@ -66,7 +66,8 @@ void measure(benchmark::State &state, Exchange &&exchange)
         return;
     std::sort(milliseconds.begin(), milliseconds.end());
     state.counters["median_ms"] = milliseconds[milliseconds.size() / 2];
-    state.counters["p99_ms"] = milliseconds[std::min(milliseconds.size() - 1, milliseconds.size() * 99 / 100)];
+    const size_t p99 = std::min(milliseconds.size() - 1, milliseconds.size() * 99 / 100);
+    state.counters["p99_ms"] = milliseconds[p99];
 }
 
 void BM_ManagerExchange(benchmark::State &state)

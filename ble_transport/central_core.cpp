@@ -70,9 +70,10 @@ int CentralCore::startScanning()
             return -1;
         }
         // Each scan starts from an empty table, except for connected peripherals.
-        m_discovered.erase(std::remove_if(m_discovered.begin(), m_discovered.end(),
-                                          [this](const Advertisement &entry) { return !m_connected.count(entry.id); }),
-                           m_discovered.end());
+        m_discovered.erase(
+            std::remove_if(m_discovered.begin(), m_discovered.end(),
+                           [this](const Advertisement &entry) { return !m_connected.count(entry.id); }),
+            m_discovered.end());
     }
     CENTRAL_LOG("Start scan for peripherals");
     platformStartScan();
@@ -115,7 +116,8 @@ int CentralCore::startConnect(const std::string &name)
         m_current = found;
         m_attemptOpen = true;
     }
-    BRIDGE_LOG("Success find device:%s (UUID:%s) in peripherals, Start to connect", name.c_str(), found.c_str());
+    BRIDGE_LOG("Success find device:%s (UUID:%s) in peripherals, Start to connect", name.c_str(),
+               found.c_str());
     // The link has one current peripheral: choosing another drops the first.
     if (!previous.empty() && previous != found)
         platformCancelConnect(previous);
@@ -281,8 +283,8 @@ void CentralCore::onConnectFailed(const std::string &peripheral, const std::stri
     completeAttempt(peripheral, error);
 }
 
-void CentralCore::onServicesDiscovered(const std::string &peripheral, const std::vector<GattService> &services,
-                                       const BleError &error)
+void CentralCore::onServicesDiscovered(const std::string &peripheral,
+                                       const std::vector<GattService> &services, const BleError &error)
 {
     if (!isAttemptOn(peripheral))
         return;
@@ -451,7 +453,8 @@ std::optional<std::string> formatHardwareAddress(const std::vector<unsigned char
     return std::string(text);
 }
 
-std::optional<std::string> interfaceAddress(const std::vector<HostInterface> &interfaces, const std::string &name)
+std::optional<std::string> interfaceAddress(const std::vector<HostInterface> &interfaces,
+                                            const std::string &name)
 {
     for (const HostInterface &host : interfaces) {
         if (host.name == name)

@@ -71,7 +71,8 @@ public:
     void onServicesDiscovered(const std::string &peripheral, const std::vector<GattService> &services,
                               const BleError &error);
     void onCharacteristicsDiscovered(const std::string &peripheral,
-                                     const std::vector<GattCharacteristic> &characteristics, const BleError &error);
+                                     const std::vector<GattCharacteristic> &characteristics,
+                                     const BleError &error);
     void onNotificationState(const std::string &peripheral, const std::string &characteristic, bool notifying,
                              const BleError &error);
     // `error` is empty for a disconnect that was asked for.
@@ -88,7 +89,8 @@ protected:
     virtual void platformConnect(const std::string &peripheral) = 0;
     virtual void platformCancelConnect(const std::string &peripheral) = 0;
     virtual void platformDiscoverServices(const std::string &peripheral) = 0;
-    virtual void platformDiscoverCharacteristics(const std::string &peripheral, const std::string &service) = 0;
+    virtual void platformDiscoverCharacteristics(const std::string &peripheral,
+                                                 const std::string &service) = 0;
     virtual void platformSubscribe(const std::string &peripheral, const std::string &characteristic) = 0;
     virtual void platformWrite(const std::string &peripheral, const std::string &characteristic,
                                const Bytes &data) = 0;
@@ -136,6 +138,7 @@ std::vector<HostInterface> hostInterfaces();
 // Six bytes as "%02x:%02x:%02x:%02x:%02x:%02x"; nothing for another length.
 std::optional<std::string> formatHardwareAddress(const std::vector<unsigned char> &bytes);
 // The address of the first interface with this name.
-std::optional<std::string> interfaceAddress(const std::vector<HostInterface> &interfaces, const std::string &name);
+std::optional<std::string> interfaceAddress(const std::vector<HostInterface> &interfaces,
+                                            const std::string &name);
 // The address of the first interface that is not the loopback.
 std::optional<std::string> firstNonLoopbackAddress(const std::vector<HostInterface> &interfaces);

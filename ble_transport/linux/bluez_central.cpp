@@ -118,7 +118,8 @@ void BluezCentral::watchBluez()
             sdbus::floating_slot);
     };
     const std::string fromBluez = std::string("type='signal',sender='") + bluez::kService + "',";
-    watch(fromBluez + "interface='" + kObjectManager + "',member='InterfacesAdded'", &BluezCentral::onInterfacesAdded);
+    watch(fromBluez + "interface='" + kObjectManager + "',member='InterfacesAdded'",
+          &BluezCentral::onInterfacesAdded);
     watch(fromBluez + "interface='" + kObjectManager + "',member='InterfacesRemoved'",
           &BluezCentral::onInterfacesRemoved);
     watch(fromBluez + "interface='" + kProperties + "',member='PropertiesChanged'",

@@ -36,7 +36,8 @@ protected:
     void platformDiscoverServices(const std::string &peripheral) override;
     void platformDiscoverCharacteristics(const std::string &peripheral, const std::string &service) override;
     void platformSubscribe(const std::string &peripheral, const std::string &characteristic) override;
-    void platformWrite(const std::string &peripheral, const std::string &characteristic, const Bytes &data) override;
+    void platformWrite(const std::string &peripheral, const std::string &characteristic,
+                       const Bytes &data) override;
     std::optional<std::string> platformHostAddress() override;
 
 private:

@@ -116,7 +116,10 @@ const GattCharacteristic *Objects::characteristic(const std::string &path) const
     return find(m_characteristics, path);
 }
 
-std::string Objects::firstAdapter() const { return m_adapters.empty() ? std::string() : m_adapters.begin()->first; }
+std::string Objects::firstAdapter() const
+{
+    return m_adapters.empty() ? std::string() : m_adapters.begin()->first;
+}
 
 std::string Objects::deviceOf(const std::string &characteristicPath) const
 {
@@ -150,8 +153,8 @@ int64_t addressValue(const std::string &text)
 {
     unsigned int bytes[6];
     char rest = 0;
-    if (std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &bytes[0], &bytes[1], &bytes[2], &bytes[3], &bytes[4],
-                    &bytes[5], &rest) != 6)
+    if (std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &bytes[0], &bytes[1], &bytes[2], &bytes[3],
+                    &bytes[4], &bytes[5], &rest) != 6)
         return 0;
     int64_t value = 0;
     for (unsigned int byte : bytes)

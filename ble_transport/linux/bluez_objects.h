@@ -67,9 +67,10 @@ public:
     // The device a characteristic belongs to; empty when unknown.
     std::string deviceOf(const std::string &characteristicPath) const;
     std::vector<std::pair<std::string, GattService>> servicesOf(const std::string &devicePath) const;
-    std::vector<std::pair<std::string, GattCharacteristic>> characteristicsOf(const std::string &servicePath) const;
+    std::vector<std::pair<std::string, GattCharacteristic>>
+    characteristicsOf(const std::string &servicePath) const;
 
-private:
+  private:
     std::map<std::string, Adapter> m_adapters;
     std::map<std::string, Device> m_devices;
     std::map<std::string, GattService> m_services;

@@ -58,9 +58,9 @@ TEST(BluezCentral, ConnectsExchangesAndTellsEachWayTheLinkEnds)
          },
          {true},
          true},
-        {"dropped", [](BluetoothLEManager &m, auto &, Record) { m.SendData({0xDD}, 3, 0); }, {true, false}, true},
-        {"radio off", [](BluetoothLEManager &m, auto &, Record) { m.SendData({0xFF}, 3, 0); }, {true, false}, false},
-        {"org.bluez gone", [](BluetoothLEManager &, auto &fake, Record) { fake.reset(); }, {true, false}, false},
+        {"dropped", [](auto &m, auto &, Record) { m.SendData({0xDD}, 3, 0); }, {true, false}, true},
+        {"radio off", [](auto &m, auto &, Record) { m.SendData({0xFF}, 3, 0); }, {true, false}, false},
+        {"org.bluez gone", [](auto &, auto &fake, Record) { fake.reset(); }, {true, false}, false},
     };
     for (const Case &c : cases) {
         auto fake = std::make_unique<FakeBluez>();

@@ -55,79 +55,98 @@ public:
         m_root->addObjectManager();
         m_root->finishRegistration();
         m_adapter = object("/org/bluez/hci0");
-        m_adapter->registerProperty("Address").onInterface(kAdapter1).withGetter([] { return std::string("00:1A:7D:DA:71:13"); });
-        m_adapter->registerProperty("Powered").onInterface(kAdapter1).withGetter([this] { return m_powered; });
-        m_adapter->registerMethod("SetDiscoveryFilter").onInterface(kAdapter1).implementedAs([](std::map<std::string, sdbus::Variant>) {});
-        m_adapter->registerMethod("StopDiscovery").onInterface(kAdapter1).implementedAs([] {});
-        m_adapter->registerMethod("StartDiscovery").onInterface(kAdapter1).implementedAs([this] { addDevice(); });
-        m_adapter->finishRegistration();
+        sdbus::IObject &a = *m_adapter;
+        fixed(a, kAdapter1, "Address", std::string("00:1A:7D:DA:71:13"));
+        live(a, kAdapter1, "Powered", m_powered);
+        method(a, kAdapter1, "SetDiscoveryFilter", [](std::map<std::string, sdbus::Variant>) {});
+        method(a, kAdapter1, "StopDiscovery", [] {});
+        method(a, kAdapter1, "StartDiscovery", [this] { addDevice(); });
+        a.finishRegistration();
         m_bus->enterEventLoopAsync();
     }
     ~FakeBluez() { m_bus->leaveEventLoop(); }
 
 private:
-    std::unique_ptr<sdbus::IObject> object(const std::string &path) { return sdbus::createObject(*m_bus, path); }
-    void changed(sdbus::IObject &target, const char *interface, const std::vector<std::string> &names)
+    template <typename T>
+    static void fixed(sdbus::IObject &target, const char *interface, const char *name, T value)
     {
-        target.emitPropertiesChangedSignal(interface, names);
+        target.registerProperty(name).onInterface(interface).withGetter([value] { return value; });
     }
+    // A property that reads `value` whenever asked.
+    template <typename T>
+    static void live(sdbus::IObject &target, const char *interface, const char *name, const T &value)
+    {
+        target.registerProperty(name).onInterface(interface).withGetter([&value] { return value; });
+    }
+    template <typename Handler>
+    static void method(sdbus::IObject &target, const char *interface, const char *name, Handler handler)
+    {
+        target.registerMethod(name).onInterface(interface).implementedAs(std::move(handler));
+    }
+    static void publish(sdbus::IObject &target)
+    {
+        target.finishRegistration();
+        target.emitInterfacesAddedSignal();
+    }
+    std::unique_ptr<sdbus::IObject> object(const std::string &path)
+    {
+        return sdbus::createObject(*m_bus, path);
+    }
+
     void addDevice()
     {
         if (m_device)
             return;
         m_device = object(kDev);
-        m_device->registerProperty("Name").onInterface(kDevice1).withGetter([] { return std::string("ZOR-50"); });
-        m_device->registerProperty("Address").onInterface(kDevice1).withGetter([] { return std::string("AA:BB:CC:DD:EE:01"); });
-        m_device->registerProperty("Adapter").onInterface(kDevice1).withGetter([] { return sdbus::ObjectPath("/org/bluez/hci0"); });
-        m_device->registerProperty("RSSI").onInterface(kDevice1).withGetter([] { return int16_t(-42); });
-        m_device->registerProperty("Connected").onInterface(kDevice1).withGetter([this] { return m_connected; });
-        m_device->registerProperty("ServicesResolved").onInterface(kDevice1).withGetter([this] { return m_connected; });
-        m_device->registerMethod("Connect").onInterface(kDevice1).implementedAs([this] { setConnected(true); });
-        m_device->registerMethod("Disconnect").onInterface(kDevice1).implementedAs([this] { setConnected(false); });
-        m_device->finishRegistration();
-        m_device->emitInterfacesAddedSignal();
+        sdbus::IObject &d = *m_device;
+        fixed(d, kDevice1, "Name", std::string("ZOR-50"));
+        fixed(d, kDevice1, "Address", std::string("AA:BB:CC:DD:EE:01"));
+        fixed(d, kDevice1, "Adapter", sdbus::ObjectPath("/org/bluez/hci0"));
+        fixed(d, kDevice1, "RSSI", int16_t(-42));
+        live(d, kDevice1, "Connected", m_connected);
+        live(d, kDevice1, "ServicesResolved", m_connected);
+        method(d, kDevice1, "Connect", [this] { setConnected(true); });
+        method(d, kDevice1, "Disconnect", [this] { setConnected(false); });
+        publish(d);
     }
     void setConnected(bool connected)
     {
         if (!m_service)
             addGatt();
         m_connected = connected;
-        changed(*m_device, kDevice1, {"Connected", "ServicesResolved"});
+        m_device->emitPropertiesChangedSignal(kDevice1, {"Connected", "ServicesResolved"});
     }
     void addGatt()
     {
         m_service = object(kDev + "/service000a");
-        m_service->registerProperty("UUID").onInterface(kService1).withGetter([] { return std::string("7c3e0001-91b2-4d5a-8e61-2f04c3a9d7b5"); });
-        m_service->registerProperty("Device").onInterface(kService1).withGetter([] { return sdbus::ObjectPath(kDev); });
-        m_service->finishRegistration();
-        m_service->emitInterfacesAddedSignal();
+        fixed(*m_service, kService1, "UUID", std::string("7c3e0001-91b2-4d5a-8e61-2f04c3a9d7b5"));
+        fixed(*m_service, kService1, "Device", sdbus::ObjectPath(kDev));
+        publish(*m_service);
         m_characteristic = object(kCharacteristicPath);
         sdbus::IObject &c = *m_characteristic;
-        c.registerProperty("UUID").onInterface(kCharacteristic1).withGetter([] { return std::string("7c3e0002-91b2-4d5a-8e61-2f04c3a9d7b5"); });
-        c.registerProperty("Service").onInterface(kCharacteristic1).withGetter([] { return sdbus::ObjectPath(kDev + "/service000a"); });
-        c.registerProperty("Flags").onInterface(kCharacteristic1).withGetter([] { return std::vector<std::string>{"write", "notify"}; });
-        c.registerProperty("Notifying").onInterface(kCharacteristic1).withGetter([this] { return m_notifying; });
-        c.registerProperty("Value").onInterface(kCharacteristic1).withGetter([this] { return m_value; });
-        c.registerMethod("StartNotify").onInterface(kCharacteristic1).implementedAs([this] {
+        fixed(c, kCharacteristic1, "UUID", std::string("7c3e0002-91b2-4d5a-8e61-2f04c3a9d7b5"));
+        fixed(c, kCharacteristic1, "Service", sdbus::ObjectPath(kDev + "/service000a"));
+        fixed(c, kCharacteristic1, "Flags", std::vector<std::string>{"write", "notify"});
+        live(c, kCharacteristic1, "Notifying", m_notifying);
+        live(c, kCharacteristic1, "Value", m_value);
+        method(c, kCharacteristic1, "StartNotify", [this] {
             m_notifying = true;
-            changed(*m_characteristic, kCharacteristic1, {"Notifying"});
+            m_characteristic->emitPropertiesChangedSignal(kCharacteristic1, {"Notifying"});
         });
-        c.registerMethod("WriteValue").onInterface(kCharacteristic1).implementedAs([this](Bytes value, std::map<std::string, sdbus::Variant>) {
-            onWrite(std::move(value));
-        });
-        c.finishRegistration();
-        c.emitInterfacesAddedSignal();
+        method(c, kCharacteristic1, "WriteValue",
+               [this](Bytes value, std::map<std::string, sdbus::Variant>) { onWrite(value); });
+        publish(c);
     }
-    void onWrite(Bytes value)
+    void onWrite(const Bytes &value)
     {
         if (value == Bytes{0xDD}) {
             setConnected(false);
         } else if (value == Bytes{0xFF}) {
             m_powered = false;
-            changed(*m_adapter, kAdapter1, {"Powered"});
+            m_adapter->emitPropertiesChangedSignal(kAdapter1, {"Powered"});
         } else {
             m_value.assign(value.rbegin(), value.rend());
-            changed(*m_characteristic, kCharacteristic1, {"Value"});
+            m_characteristic->emitPropertiesChangedSignal(kCharacteristic1, {"Value"});
         }
     }
 
