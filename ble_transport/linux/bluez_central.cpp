@@ -419,7 +419,8 @@ void BluezCentral::platformWrite(const std::string &, const std::string &charact
 
 std::optional<std::string> BluezCentral::platformHostAddress()
 {
-    // Without an adapter, the first network interface's hardware address.
+    // The host's address sent at pairing is the adapter's own address; without
+    // an adapter, the first non-loopback interface's hardware address.
     std::string adapterAddress;
     {
         std::lock_guard<std::mutex> lock(m_addressMutex);

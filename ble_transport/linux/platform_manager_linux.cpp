@@ -5,7 +5,9 @@
 
 IBluetoothLEManager &platformBluetoothManager()
 {
-    // Never destroyed: its event thread serves the process to its end.
+    // Created on first Bluetooth use, not while the library loads, so loading
+    // never blocks and USB-only programs never touch Bluetooth. Never
+    // destroyed: its event thread serves the process to its end.
     static BluetoothLEManager *const manager = new BluetoothLEManager(std::make_unique<BluezCentral>());
     return *manager;
 }
