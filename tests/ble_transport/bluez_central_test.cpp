@@ -4,6 +4,7 @@
 #include "ble_transport/linux/bluez_central.h"
 
 #include "fake_bluez.h"
+#include "log_lines.h"
 
 #include <gtest/gtest.h>
 
@@ -36,6 +37,20 @@ TEST(BluezCentral, WithoutBluezOrWithoutABusThereIsNoBluetooth)
         EXPECT_TRUE(devices.empty());
         EXPECT_FALSE(manager->ConnectToDevice("ZOR-50", ""));
     }
+}
+
+TEST(BluezCentral, ADeviceVanishingMidConnectFailsTheAttemptAtOnce)
+{
+    PrivateBus bus;
+    ASSERT_TRUE(bus.started());
+    FakeBluez fake;
+    fake.vanishOnConnect();
+    zor_test::LogLines log;
+    auto manager = bluezManager();
+    std::vector<IBluetoothLEManager::DeviceInfo> devices;
+    manager->ScanForDevices(200, devices);
+    EXPECT_FALSE(manager->ConnectToDevice("ZOR-50", ""));
+    EXPECT_EQ(log.messages("BluetoothLEManagerLinux", "ConnectToDevice").back(), "ConnectToDevice ZOR-50 failed");
 }
 
 TEST(BluezCentral, ConnectsExchangesAndTellsEachWayTheLinkEnds)

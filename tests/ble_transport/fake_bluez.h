@@ -1,10 +1,12 @@
 // A minimal org.bluez on a private dbus-daemon: one adapter, one focuser
 // that appears on discovery and answers each write by notifying the bytes
-// reversed. Writing DD drops the link, FF switches the radio off.
+// reversed. Writing DD drops the link, FF switches the radio off; after
+// vanishOnConnect() the device object goes away when asked to connect.
 #pragma once
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -65,6 +67,7 @@ public:
         m_bus->enterEventLoopAsync();
     }
     ~FakeBluez() { m_bus->leaveEventLoop(); }
+    void vanishOnConnect() { m_vanishOnConnect = true; }
 
 private:
     template <typename T>
@@ -105,7 +108,14 @@ private:
         fixed(d, kDevice1, "RSSI", int16_t(-42));
         live(d, kDevice1, "Connected", m_connected);
         live(d, kDevice1, "ServicesResolved", m_connected);
-        method(d, kDevice1, "Connect", [this] { setConnected(true); });
+        method(d, kDevice1, "Connect", [this](sdbus::Result<> &&reply) {
+            if (m_vanishOnConnect) { // and no reply
+                m_device->emitInterfacesRemovedSignal();
+                return;
+            }
+            setConnected(true);
+            reply.returnResults();
+        });
         method(d, kDevice1, "Disconnect", [this] { setConnected(false); });
         publish(d);
     }
@@ -153,6 +163,7 @@ private:
     std::unique_ptr<sdbus::IConnection> m_bus;
     std::unique_ptr<sdbus::IObject> m_root, m_adapter, m_device, m_service, m_characteristic;
     bool m_powered = true, m_connected = false, m_notifying = false;
+    std::atomic<bool> m_vanishOnConnect{false};
     Bytes m_value;
 };
 
