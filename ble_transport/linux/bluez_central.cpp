@@ -20,6 +20,7 @@ constexpr std::chrono::seconds kCallTimeout{5};
 constexpr std::chrono::seconds kConnectTimeout{30};
 
 const std::string kAlreadyConnected = "org.bluez.Error.AlreadyConnected";
+const std::string kInProgress = "org.bluez.Error.InProgress";
 
 std::string describe(const sdbus::Error &error)
 {
@@ -391,14 +392,16 @@ void BluezCentral::platformSubscribe(const std::string &peripheral, const std::s
         m_notifyWanted.insert(characteristic);
         call(characteristic, bluez::kGattCharacteristic, "StartNotify",
              [this, peripheral, characteristic](const sdbus::Error *error) {
-                 if (error) {
+                 const bluez::GattCharacteristic *known = m_objects.characteristic(characteristic);
+                 const bool on = known && known->notifying;
+                 // BlueZ answers InProgress to a second subscription of the same client.
+                 if (error && !(on && error->getName() == kInProgress)) {
                      m_notifyWanted.erase(characteristic);
                      onNotificationState(peripheral, characteristic, false, describe(*error));
                      return;
                  }
                  // Already on: no property change will tell.
-                 const bluez::GattCharacteristic *known = m_objects.characteristic(characteristic);
-                 if (known && known->notifying && m_notifyWanted.count(characteristic))
+                 if (on && m_notifyWanted.count(characteristic))
                      reportNotifying(peripheral, characteristic);
              });
     });
