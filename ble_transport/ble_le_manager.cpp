@@ -14,8 +14,15 @@ constexpr char kLogModule[] = "BluetoothLEManagerLinux";
 
 using std::chrono::milliseconds;
 
-// Every wait lets events run for at most this long per cycle.
+// Construction lets events run for at most this long per cycle.
 constexpr milliseconds kEventCycle{100};
+// The waits of scan, connect and data let the events that have come reach
+// the flags (on Linux they arrive on the central's own thread; on macOS a
+// run-loop pass delivers them) without waiting for more, then sleep. So each
+// wait lasts its cycle count times its pause, as its log line says (10 s to
+// connect, 5 s for an answer), and an answer is seen within one pause of its
+// arrival.
+constexpr milliseconds kPollEvents{0};
 constexpr milliseconds kScanPause{100};
 constexpr milliseconds kConnectPause{100};
 constexpr milliseconds kDataPause{10};
@@ -45,7 +52,7 @@ BluetoothLEManager::~BluetoothLEManager() { m_central.reset(); }
 
 void BluetoothLEManager::runCycle(milliseconds pause)
 {
-    m_central->waitForEvents(kEventCycle);
+    m_central->waitForEvents(kPollEvents);
     m_central->sleepFor(pause);
 }
 

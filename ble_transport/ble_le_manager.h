@@ -2,7 +2,7 @@
 // calls the device side expects (a scan of a given length, a connect that
 // returns once the link is usable or has failed, a wait for the notification
 // that answers a request). It polls flags that the central's events set, in
-// fixed cycles: each lets events run for at most 0.1 s, then sleeps.
+// fixed cycles: each lets the events that have come run, then sleeps.
 #pragma once
 
 #include "ble_transport/ble_central.h"
