@@ -10,20 +10,55 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
+#include <set>
 
 namespace {
+
 constexpr char kLogModule[] = "LinuxBlueZCentral";
+
+// The loops still running. A process ends with its loop alive (the platform
+// manager is never destroyed); its thread must stop before sd-bus's own
+// statics are destroyed at exit, or it would use them while they go.
+std::mutex g_liveMutex;
+std::set<DBusLoop *> g_live;
+
+void stopLiveLoops()
+{
+    std::lock_guard<std::mutex> lock(g_liveMutex);
+    for (DBusLoop *loop : g_live)
+        loop->stop();
 }
+
+void stopLoopsAtExit()
+{
+    static const bool registered = [] {
+        // Handlers run in reverse order of registration, statics' destructors
+        // included: so sd-bus's message statics are made first, here.
+        const sdbus::Variant makeStatics(false);
+        return std::atexit(stopLiveLoops) == 0;
+    }();
+    (void)registered;
+}
+
+} // namespace
 
 DBusLoop::DBusLoop(sdbus::IConnection *bus, Task onBusLost)
     : m_bus(bus), m_onBusLost(std::move(onBusLost)), m_wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
+    stopLoopsAtExit();
     m_thread = std::thread([this] { run(); });
+    std::lock_guard<std::mutex> lock(g_liveMutex);
+    g_live.insert(this);
 }
 
 DBusLoop::~DBusLoop()
 {
+    {
+        std::lock_guard<std::mutex> lock(g_liveMutex);
+        g_live.erase(this);
+    }
     stop();
     close(m_wakeFd);
 }
@@ -35,7 +70,8 @@ void DBusLoop::stop()
         m_stopping = true;
     }
     post(nullptr);
-    if (m_thread.joinable())
+    // The loop's own thread (exit called from a callback) cannot join itself.
+    if (m_thread.joinable() && std::this_thread::get_id() != m_thread.get_id())
         m_thread.join();
 }
 

@@ -26,7 +26,8 @@ public:
 
     void post(Task task);
     bool isLoopThread() const { return std::this_thread::get_id() == m_thread.get_id(); }
-    // Stops and joins the thread (from another thread); later tasks never run.
+    // Stops the thread and joins it (from another thread); later tasks never
+    // run. Loops still running at exit are stopped so.
     void stop();
 
 private:
