@@ -114,6 +114,17 @@ struct Control {
     int expected;
 };
 
+// A getter of a flag on ID 50, as a Control's getter.
+std::function<int(int &)> asInt(ZOR_ERROR_CODE (*get)(int, bool *))
+{
+    return [get](int &value) {
+        bool on = false;
+        const int result = get(kFirst, &on);
+        value = on;
+        return result;
+    };
+}
+
 std::vector<Control> controls(PrivateBluez &bluez)
 {
     const auto sim = [&bluez](const char *key) {
@@ -136,32 +147,17 @@ std::vector<Control> controls(PrivateBluez &bluez)
         {"reset position", [] { return ZORResetPostion(kFirst, 4321); }, [](int &v) { return ZORGetPosition(kFirst, &v); },
          4321},
         {"beep", [] { return ZORSetBeep(kFirst, true); },
-         [](int &v) {
-             bool on = false;
-             const int r = ZORGetBeep(kFirst, &on);
-             v = on;
-             return r;
-         },
+         asInt(ZORGetBeep),
          1},
         {"reverse", [] { return ZORSetReverse(kFirst, true); },
-         [](int &v) {
-             bool on = false;
-             const int r = ZORGetReverse(kFirst, &on);
-             v = on;
-             return r;
-         },
+         asInt(ZORGetReverse),
          1},
         {"backlash", [] { return ZORSetBacklash(kFirst, 77); }, [](int &v) { return ZORGetBacklash(kFirst, &v); }, 77},
         {"max step", [] { return ZORSetMaxStep(kFirst, 500000); }, [](int &v) { return ZORGetMaxStep(kFirst, &v); },
          500000},
         {"max force", [] { return ZORSetMaxForce(kFirst, 9); }, [](int &v) { return ZORGetMaxForce(kFirst, &v); }, 9},
         {"LED", [] { return ZORSetLedState(kFirst, false); },
-         [](int &v) {
-             bool on = true;
-             const int r = ZORGetLedState(kFirst, &on);
-             v = on;
-             return r;
-         },
+         asInt(ZORGetLedState),
          0},
         {"alias", [] { return ZORSetID(kFirst, ZOR_ID{{'S', 'c', 'o', 'p', 'e'}}); }, nullptr, 0},
         {"shipping mode", [] { return ZORSetShippingMode(kFirst); }, nullptr, 0},
