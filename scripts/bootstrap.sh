@@ -9,6 +9,7 @@ debian_packages=(
   libsdbus-c++-dev libsystemd-dev dbus libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev
+  libgnustep-base-dev
 )
 brew_packages=(cmake pkg-config hidapi tinyxml spdlog fmt cli11 googletest google-benchmark)
 
