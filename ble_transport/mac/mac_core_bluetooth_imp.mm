@@ -229,6 +229,13 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 
 - (void)centralManagerDidUpdateState:(CBCentralManager *)central
 {
+    // With the radio off the links are gone, and no disconnect reports
+    // follow: their peripherals are no longer held for them.
+    if (central.state == CBManagerStatePoweredOff) {
+        @synchronized(_connectedPeripherals) {
+            [_connectedPeripherals removeAllObjects];
+        }
+    }
     if (_delegate)
         _delegate->onRadioState(static_cast<RadioState>(central.state));
 }
