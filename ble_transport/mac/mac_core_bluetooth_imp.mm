@@ -169,7 +169,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
     [self onQueue:^{
         CBPeripheral *peripheral = [self peripheralNamed:identifier];
         if (!peripheral) {
-            ZOR_LOG("startConnect: peripheral is nil!");
+            ZOR_LOG_AS("startConnect:", "startConnect: peripheral is nil!");
             return;
         }
         [self->_centralManager connectPeripheral:peripheral options:nil];
@@ -218,7 +218,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
         CBPeripheral *peripheral = [self peripheralNamed:identifier];
         CBCharacteristic *characteristic = [self characteristic:characteristicIdentifier of:peripheral];
         if (!characteristic) {
-            ZOR_LOG("Error, NOT found writable characteristic");
+            ZOR_LOG_AS("sendMessage:data:", "Error, NOT found writable characteristic");
             return;
         }
         [peripheral writeValue:data forCharacteristic:characteristic type:CBCharacteristicWriteWithResponse];
