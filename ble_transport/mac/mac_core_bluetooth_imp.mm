@@ -77,7 +77,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 
 // --- looking up the objects behind identifiers --------------------------------
 
-- (CBPeripheral *)peripheralNamed:(NSString *)identifier
+- (CBPeripheral *)peripheralWithIdentifier:(NSString *)identifier
 {
     NSUUID *key = [[NSUUID alloc] initWithUUIDString:identifier];
     if (!key)
@@ -167,7 +167,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 - (void)startConnect:(NSString *)identifier
 {
     [self onQueue:^{
-        CBPeripheral *peripheral = [self peripheralNamed:identifier];
+        CBPeripheral *peripheral = [self peripheralWithIdentifier:identifier];
         if (!peripheral) {
             ZOR_LOG_AS("startConnect:", "startConnect: peripheral is nil!");
             return;
@@ -179,7 +179,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 - (void)stopConnect:(NSString *)identifier
 {
     [self onQueue:^{
-        CBPeripheral *peripheral = [self peripheralNamed:identifier];
+        CBPeripheral *peripheral = [self peripheralWithIdentifier:identifier];
         if (peripheral)
             [self->_centralManager cancelPeripheralConnection:peripheral];
     }];
@@ -188,14 +188,14 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 - (void)discoverServices:(NSString *)identifier
 {
     [self onQueue:^{
-        [[self peripheralNamed:identifier] discoverServices:nil];
+        [[self peripheralWithIdentifier:identifier] discoverServices:nil];
     }];
 }
 
 - (void)discoverCharacteristics:(NSString *)identifier service:(NSString *)serviceIdentifier
 {
     [self onQueue:^{
-        CBPeripheral *peripheral = [self peripheralNamed:identifier];
+        CBPeripheral *peripheral = [self peripheralWithIdentifier:identifier];
         CBService *service = [self service:serviceIdentifier of:peripheral];
         if (service)
             [peripheral discoverCharacteristics:nil forService:service];
@@ -205,7 +205,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 - (void)subscribe:(NSString *)identifier characteristic:(NSString *)characteristicIdentifier
 {
     [self onQueue:^{
-        CBPeripheral *peripheral = [self peripheralNamed:identifier];
+        CBPeripheral *peripheral = [self peripheralWithIdentifier:identifier];
         CBCharacteristic *characteristic = [self characteristic:characteristicIdentifier of:peripheral];
         if (characteristic)
             [peripheral setNotifyValue:YES forCharacteristic:characteristic];
@@ -215,7 +215,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 - (void)sendMessage:(NSString *)identifier characteristic:(NSString *)characteristicIdentifier data:(NSData *)data
 {
     [self onQueue:^{
-        CBPeripheral *peripheral = [self peripheralNamed:identifier];
+        CBPeripheral *peripheral = [self peripheralWithIdentifier:identifier];
         CBCharacteristic *characteristic = [self characteristic:characteristicIdentifier of:peripheral];
         if (!characteristic) {
             ZOR_LOG_AS("sendMessage:data:", "Error, NOT found writable characteristic");
