@@ -163,56 +163,39 @@ TEST_F(Controls, CallerMistakesGetACodeAndSendNothing)
     EXPECT_EQ(std::string(reinterpret_cast<char *>(out) + ZOR_REPLY_BYTES, 4), std::string(4, '\xEE'));
 }
 
-TEST_F(Controls, SettersReachTheFocuserAndGettersReadItBack)
+TEST_F(Controls, SettersReachTheFocuserGettersReadItBackAndTheUpdateRuns)
 {
     const int device = add();
     ASSERT_EQ(ZORGetNum(), 1);
     ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
 
-    EXPECT_EQ(ZORSetBacklash(0, 42), ZOR_SUCCESS);
-    EXPECT_EQ(ZORSetBeep(0, true), ZOR_SUCCESS);
-    EXPECT_EQ(ZORSetReverse(0, true), ZOR_SUCCESS);
-    EXPECT_EQ(ZORSetMaxForce(0, 9), ZOR_SUCCESS);
-    EXPECT_EQ(ZORSetMaxStep(0, 12345), ZOR_SUCCESS);
-    EXPECT_EQ(ZORResetPostion(0, 777), ZOR_SUCCESS);
-    EXPECT_EQ(ZORSetLedState(0, false), ZOR_SUCCESS);
-    EXPECT_EQ(ZORSetID(0, ZOR_ID{{'S', 'c', 'o', 'p', 'e'}}), ZOR_SUCCESS);
-    char bleName[] = "Scope11";
-    EXPECT_EQ(ZORSetBLEName(0, bleName), ZOR_SUCCESS) << "names are set over USB too";
-
+    char bleName[] = "Scope11"; // names are set over USB too
+    for (ZOR_ERROR_CODE result : {ZORSetBacklash(0, 42), ZORSetBeep(0, true), ZORSetReverse(0, true),
+                                  ZORSetMaxForce(0, 9), ZORSetMaxStep(0, 12345), ZORResetPostion(0, 777),
+                                  ZORSetLedState(0, false), ZORSetID(0, ZOR_ID{{'S', 'c', 'o', 'p', 'e'}}),
+                                  ZORSetBLEName(0, bleName)})
+        EXPECT_EQ(result, ZOR_SUCCESS);
     const zorsim::DeviceState s = zorsim::state(device);
-    EXPECT_EQ(s.backlash, 42);
-    EXPECT_TRUE(s.beep);
-    EXPECT_TRUE(s.reverse);
-    EXPECT_EQ(s.maxForce, 9);
-    EXPECT_EQ(s.maxStep, 12345);
-    EXPECT_EQ(s.position, 777);
-    EXPECT_FALSE(s.ledOn);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s.alias.data()), 5), "Scope");
-    EXPECT_EQ(s.bleName, "Scope11");
+    EXPECT_EQ(std::vector<int>({s.backlash, s.beep, s.reverse, s.maxForce, s.maxStep, s.position, s.ledOn}),
+              (std::vector<int>{42, 1, 1, 9, 12345, 777, 0}));
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s.alias.data()), 5) + " " + s.bleName, "Scope Scope11");
 
-    int value = 0;
-    bool flag = false;
-    EXPECT_EQ(ZORGetBacklash(0, &value), ZOR_SUCCESS);
-    EXPECT_EQ(value, 42);
-    EXPECT_EQ(ZORGetMaxForce(0, &value), ZOR_SUCCESS);
-    EXPECT_EQ(value, 9);
-    EXPECT_EQ(ZORGetMaxStep(0, &value), ZOR_SUCCESS);
-    EXPECT_EQ(value, 12345);
-    EXPECT_EQ(ZORGetPosition(0, &value), ZOR_SUCCESS);
-    EXPECT_EQ(value, 777);
-    EXPECT_EQ(ZORGetBeep(0, &flag), ZOR_SUCCESS);
-    EXPECT_TRUE(flag);
-    EXPECT_EQ(ZORGetReverse(0, &flag), ZOR_SUCCESS);
-    EXPECT_TRUE(flag);
-    EXPECT_EQ(ZORGetLedState(0, &flag), ZOR_SUCCESS);
-    EXPECT_FALSE(flag);
+    int backlash = 0, force = 0, maxStep = 0, position = 0;
+    bool beep = false, reverse = false, led = true;
     char nameBack[16];
-    EXPECT_EQ(ZORGetBLEName(0, nameBack), ZOR_SUCCESS);
-    EXPECT_STREQ(nameBack, "ZOR Pro_Scope11");
     ZOR_INFO info;
-    EXPECT_EQ(ZORGetProperty(0, &info), ZOR_SUCCESS);
-    EXPECT_STREQ(info.Name, "ZOR(Scope)");
+    for (ZOR_ERROR_CODE result : {ZORGetBacklash(0, &backlash), ZORGetMaxForce(0, &force), ZORGetMaxStep(0, &maxStep),
+                                  ZORGetPosition(0, &position), ZORGetBeep(0, &beep), ZORGetReverse(0, &reverse),
+                                  ZORGetLedState(0, &led), ZORGetBLEName(0, nameBack), ZORGetProperty(0, &info)})
+        EXPECT_EQ(result, ZOR_SUCCESS);
+    EXPECT_EQ(std::vector<int>({backlash, force, maxStep, position, beep, reverse, led}),
+              (std::vector<int>{42, 9, 12345, 777, 1, 1, 0}));
+    EXPECT_EQ(std::string(nameBack) + " " + info.Name, "ZOR Pro_Scope11 ZOR(Scope)");
+
+    ASSERT_EQ(ZORHidStartUpdate(0), ZOR_SUCCESS);
+    EXPECT_EQ(ZORHidWriteUpdateFile(0, ZOR_HID_FILE_BUF{3, {7, 8, 9}}), ZOR_SUCCESS);
+    EXPECT_EQ(ZORHidEndUpdate(0), ZOR_SUCCESS) << "the restart cuts the answer off";
+    EXPECT_EQ(zorsim::state(device).installedImage, (std::vector<uint8_t>{7, 8, 9}));
     EXPECT_FALSE(anyBusy(0));
 }
 
@@ -242,18 +225,6 @@ TEST_F(Controls, MoveRunsToTheTargetAndRefusesSettingsMeanwhile)
     ASSERT_EQ(ZORMove(0, 9000), ZOR_SUCCESS);
     EXPECT_EQ(ZORStop(0), ZOR_SUCCESS);
     EXPECT_FALSE(zorsim::state(device).moving);
-}
-
-TEST_F(Controls, UsbUpdateRunsThroughStartDataAndEnd)
-{
-    const int device = add(zorsim::Model::Pro, 382);
-    ASSERT_EQ(ZORGetNum(), 1);
-    ASSERT_EQ(ZOROpen(0), ZOR_SUCCESS);
-    ASSERT_EQ(ZORHidStartUpdate(0), ZOR_SUCCESS);
-    EXPECT_EQ(ZORHidWriteUpdateFile(0, ZOR_HID_FILE_BUF{3, {7, 8, 9}}), ZOR_SUCCESS);
-    EXPECT_EQ(ZORHidEndUpdate(0), ZOR_SUCCESS) << "the restart cuts the answer off";
-    EXPECT_EQ(zorsim::state(device).installedImage, (std::vector<uint8_t>{7, 8, 9}));
-    EXPECT_FALSE(anyBusy(0));
 }
 
 // A device object reached over Bluetooth through a scripted link.

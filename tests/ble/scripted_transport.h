@@ -17,6 +17,7 @@
 #include <deque>
 #include <functional>
 #include <initializer_list>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -69,141 +70,51 @@ public:
     using Responder = std::function<std::vector<Bytes>(const Bytes &sent)>;
 
     // --- script ---------------------------------------------------------
-    void setSendAccepted(bool accepted)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_sendAccepted = accepted;
-    }
-    void queueFrame(Bytes frame)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_queue.push_back(std::move(frame));
-    }
-    void queueFrames(std::initializer_list<Bytes> frames)
-    {
-        for (const Bytes &frame : frames)
-            queueFrame(frame);
-    }
+    void setSendAccepted(bool accepted) { put(m_sendAccepted, accepted); }
+    void queueFrame(Bytes frame) { locked([&] { m_queue.push_back(std::move(frame)); }); }
     // Outcomes of the next waits, in order.
     void scriptWaits(std::initializer_list<bool> outcomes)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_waits.insert(m_waits.end(), outcomes.begin(), outcomes.end());
+        locked([&] { m_waits.insert(m_waits.end(), outcomes.begin(), outcomes.end()); });
     }
-    void scriptWaits(size_t count, bool outcome)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_waits.insert(m_waits.end(), count, outcome);
-    }
-    void setResponder(Responder responder)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_responder = std::move(responder);
-    }
-    void setConnectResult(bool connects)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_connects = connects;
-    }
-    void setSupported(bool supported)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_supported = supported;
-    }
-    void setLocalAddress(std::string address)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_localAddress = std::move(address);
-    }
-    void setScanResult(std::vector<DeviceInfo> devices)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_scanResult = std::move(devices);
-    }
+    void setResponder(Responder responder) { put(m_responder, std::move(responder)); }
+    void setConnectResult(bool connects) { put(m_connects, connects); }
+    void setSupported(bool supported) { put(m_supported, supported); }
+    void setLocalAddress(std::string address) { put(m_localAddress, std::move(address)); }
+    void setScanResult(std::vector<DeviceInfo> devices) { put(m_scanResult, std::move(devices)); }
     // Runs the installed connection-state callback, as a link event would.
     void fireConnectionState(bool connected)
     {
-        std::function<void(bool)> callback;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            callback = m_connCallback;
-        }
+        const std::function<void(bool)> callback = get(m_connCallback);
         if (callback)
             callback(connected);
     }
 
     // --- record ---------------------------------------------------------
     // Every frame handed to SendData, accepted or not.
-    std::vector<Bytes> sent() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_sent;
-    }
+    std::vector<Bytes> sent() const { return get(m_sent); }
     // The (reserved1, reserved2) arguments of every SendData call.
-    std::vector<std::pair<uint32_t, uint32_t>> sendArguments() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_sendArgs;
-    }
+    std::vector<std::pair<uint32_t, uint32_t>> sendArguments() const { return get(m_sendArgs); }
     // The (reserved1, reserved2) arguments of every ReceiveData call.
-    std::vector<std::pair<uint32_t, uint32_t>> receiveDataArguments() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_receiveDataArgs;
-    }
-    std::vector<bool> isReadCalls() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_isReadCalls;
-    }
-    int waitCalls() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_waitCalls;
-    }
-    int receiveCalls() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_receiveCalls;
-    }
-    size_t framesQueued() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_queue.size();
-    }
-    int disconnectCalls() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_disconnects;
-    }
-    std::vector<std::string> connectedNames() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_connectNames;
-    }
-    bool hasConnectionCallback() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return static_cast<bool>(m_connCallback);
-    }
+    std::vector<std::pair<uint32_t, uint32_t>> receiveDataArguments() const { return get(m_receiveDataArgs); }
+    std::vector<bool> isReadCalls() const { return get(m_isReadCalls); }
+    int waitCalls() const { return get(m_waitCalls); }
+    int receiveCalls() const { return get(m_receiveCalls); }
+    int disconnectCalls() const { return get(m_disconnects); }
+    bool hasConnectionCallback() const { return static_cast<bool>(get(m_connCallback)); }
 
     // --- IBluetoothLEManager ----------------------------------------------
     void ScanForDevices(uint32_t, std::vector<DeviceInfo> &devices) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        devices.insert(devices.end(), m_scanResult.begin(), m_scanResult.end());
+        locked([&] { devices.insert(devices.end(), m_scanResult.begin(), m_scanResult.end()); });
     }
-    bool ConnectToDevice(const std::string &name, const std::string &) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_connectNames.push_back(name);
-        return m_connects;
-    }
+    bool ConnectToDevice(const std::string &, const std::string &) override { return get(m_connects); }
     void DisconnectFromDevice() override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_disconnects;
-        m_connCallback = nullptr;
+        locked([&] {
+            ++m_disconnects;
+            m_connCallback = nullptr;
+        });
     }
     bool SendData(const std::vector<unsigned char> &data, uint32_t reserved1, uint32_t reserved2) override
     {
@@ -218,34 +129,29 @@ public:
         }
         if (responder) {
             std::vector<Bytes> answers = responder(data);
-            std::lock_guard<std::mutex> lock(m_mutex);
-            for (Bytes &answer : answers)
-                m_queue.push_back(std::move(answer));
+            locked([&] { std::move(answers.begin(), answers.end(), std::back_inserter(m_queue)); });
         }
         return true;
     }
     void ReceiveData(uint32_t reserved1, uint32_t reserved2) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_receiveDataArgs.emplace_back(reserved1, reserved2);
+        locked([&] { m_receiveDataArgs.emplace_back(reserved1, reserved2); });
     }
     void GetReceivedData(std::vector<unsigned char> &data) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_receiveCalls;
-        data = m_received;
+        locked([&] {
+            ++m_receiveCalls;
+            data = m_received;
+        });
     }
     void GetLocalBluetoothMacAddress(std::string &address) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_localAddress.empty())
-            address = m_localAddress;
+        locked([&] {
+            if (!m_localAddress.empty())
+                address = m_localAddress;
+        });
     }
-    bool IsBluetoothLESupported() override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_supported;
-    }
+    bool IsBluetoothLESupported() override { return get(m_supported); }
     bool WaitForDataAndProcess() override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -261,18 +167,31 @@ public:
         }
         return arrived;
     }
-    void setIsRead(bool isRead) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_isReadCalls.push_back(isRead);
-    }
+    void setIsRead(bool isRead) override { locked([&] { m_isReadCalls.push_back(isRead); }); }
     void ConnectStateCallbackFunc(std::function<void(bool)> callback) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_connCallback = std::move(callback);
+        put(m_connCallback, std::move(callback));
     }
 
 private:
+    // Every member is read and written under m_mutex: tests drive the
+    // transport from several threads.
+    template <class Action> void locked(Action action) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        action();
+    }
+    template <class T> T get(const T &member) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return member;
+    }
+    template <class T> void put(T &member, T value)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        member = std::move(value);
+    }
+
     mutable std::mutex m_mutex;
     bool m_sendAccepted = true;
     bool m_connects = true;
@@ -289,7 +208,6 @@ private:
     std::vector<std::pair<uint32_t, uint32_t>> m_sendArgs;
     std::vector<std::pair<uint32_t, uint32_t>> m_receiveDataArgs;
     std::vector<bool> m_isReadCalls;
-    std::vector<std::string> m_connectNames;
     int m_waitCalls = 0;
     int m_receiveCalls = 0;
     int m_disconnects = 0;

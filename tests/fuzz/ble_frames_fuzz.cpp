@@ -21,6 +21,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
@@ -68,21 +69,15 @@ CZOR &device()
 std::vector<Record> parseRecords(const uint8_t *data, size_t size)
 {
     std::vector<Record> records;
-    size_t i = 0;
-    while (i < size) {
-        Record record;
+    for (size_t i = 0; i < size;) {
         const uint8_t flags = data[i++];
-        record.failedWait = flags & 1;
-        record.stampSequence = flags & 2;
-        record.fixChecksum = flags & 4;
+        Record record{(flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0, {}};
         if (!record.failedWait) {
             if (i >= size)
                 break;
-            size_t length = data[i++];
-            if (length > size - i)
-                length = size - i;
-            record.bytes.assign(data + i, data + i + length);
-            i += length;
+            const size_t length = std::min<size_t>(data[i], size - i - 1);
+            record.bytes.assign(data + i + 1, data + i + 1 + length);
+            i += 1 + length;
         }
         records.push_back(std::move(record));
     }
