@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <stdexcept>
+#include <tuple>
 
 using zor_test::Bytes;
 using zor_test::responseFrame;
@@ -115,12 +116,10 @@ TEST_F(BleBranches, StatusRecordSurvivesAFailedExchangeAndFeedsTemperature)
     ASSERT_EQ(device.getStep(&step, true), ZOR_SUCCESS);
     EXPECT_EQ(lastPayload(), (Bytes{0x7E, 0x5A, 0x02, 0x03}));
     transport->setSendAccepted(false); // from here the last good record answers
-    EXPECT_EQ(device.getMaxStep(&maxStep, true), ZOR_SUCCESS);
-    EXPECT_EQ(device.getBacklash(&backlash, true), ZOR_SUCCESS);
-    EXPECT_EQ(device.getMaxForce(&force, true), ZOR_SUCCESS);
-    EXPECT_EQ(device.getBeep(&beep, true), ZOR_SUCCESS);
-    EXPECT_EQ(device.getReverse(&reverse, true), ZOR_SUCCESS);
-    EXPECT_EQ(device.isMoving(&moving, &byDevice, true), ZOR_SUCCESS);
+    for (int result : {device.getMaxStep(&maxStep, true), device.getBacklash(&backlash, true),
+                       device.getMaxForce(&force, true), device.getBeep(&beep, true), device.getReverse(&reverse, true),
+                       device.isMoving(&moving, &byDevice, true)})
+        EXPECT_EQ(result, ZOR_SUCCESS);
     EXPECT_EQ(std::vector<int>({step, maxStep, backlash, force, beep, reverse, moving, byDevice}),
               (std::vector<int>{0x012345, 0x054321, 42, 0xA, 1, 0, 1, 1}));
     transport->setSendAccepted(true);
@@ -129,15 +128,15 @@ TEST_F(BleBranches, StatusRecordSurvivesAFailedExchangeAndFeedsTemperature)
     float t = 0;
     ASSERT_EQ(device.getTemp(&t, true), ZOR_SUCCESS);
     EXPECT_NEAR(t, 50.13f, 0.02f); // 35.71 kOhm
-    for (int adc : {615, 1021}) {
+    // Out of range the last reading stays; 616 and 1020 both read 15.10 kOhm.
+    const std::tuple<int, int, float> readings[] = {{615, ZOR_ERROR_GENERAL_ERROR, 50.13f},
+                                                    {1021, ZOR_ERROR_GENERAL_ERROR, 50.13f},
+                                                    {616, ZOR_SUCCESS, 74.06f},
+                                                    {1020, ZOR_SUCCESS, 74.06f}};
+    for (const auto &[adc, result, degrees] : readings) {
         answerRecord(0, 0, 0, 0, adc, 0);
-        EXPECT_EQ(device.getTemp(&t, true), ZOR_ERROR_GENERAL_ERROR);
-        EXPECT_NEAR(t, 50.13f, 0.02f);
-    }
-    for (int adc : {616, 1020}) {
-        answerRecord(0, 0, 0, 0, adc, 0);
-        ASSERT_EQ(device.getTemp(&t, true), ZOR_SUCCESS);
-        EXPECT_NEAR(t, 74.06f, 0.02f); // 15.10 kOhm
+        EXPECT_EQ(device.getTemp(&t, true), result) << adc;
+        EXPECT_NEAR(t, degrees, 0.02f) << adc;
     }
     bool hand = false;
     answerRecord(0, 0, 0, 0, 341, 0);

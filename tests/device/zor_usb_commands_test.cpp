@@ -167,7 +167,7 @@ TEST_F(UsbDeviceTest, CapabilityRecordsAndIndexesPastTheList)
     EXPECT_EQ(pro->getControlCaps(0, nullptr, false), ZOR_ERROR_INVALID_INDEX);
 }
 
-TEST_F(UsbDeviceTest, SerialNumberPackingAndGates)
+TEST_F(UsbDeviceTest, SerialNumberBatteryAndFactoryModeWithTheirGates)
 {
     // Without a model string the serial comes one hexadecimal digit per byte.
     auto packed = open(addConfigured(Model::Old, 330));
@@ -190,6 +190,24 @@ TEST_F(UsbDeviceTest, SerialNumberPackingAndGates)
                        old->getBatteryInfo(&battery, false), old->setShippingMode(false),
                        old->setLEDState(true, false), old->getLEDState(&on, false), old->setFactoryMode()})
         EXPECT_EQ(result, ZOR_ERROR_NOT_SUPPORTED);
+
+    // Writes, the battery range and the factory mode on a current model.
+    const int n = addConfigured(Model::Pro, 382);
+    auto device = open(n);
+    unsigned char written[8] = {8, 7, 6, 5, 4, 3, 2, 1};
+    ASSERT_EQ(device->setSerialNumber(written, 8), ZOR_SUCCESS);
+    EXPECT_EQ(zorsim::state(n).serial, (std::array<uint8_t, 8>{8, 7, 6, 5, 4, 3, 2, 1}));
+    zorsim::Battery b;
+    b.temperature = -40;
+    b.voltage = 11900;
+    zorsim::setBattery(n, b);
+    ASSERT_EQ(device->getBatteryInfo(&battery, false), ZOR_SUCCESS);
+    EXPECT_EQ(std::vector<int>({battery.battery_temp, battery.battery_vol}), (std::vector<int>{-40, 11900}));
+    b.temperature = -41;
+    zorsim::setBattery(n, b);
+    EXPECT_EQ(device->getBatteryInfo(&battery, false), ZOR_ERROR_BATTERY_DATA);
+    ASSERT_EQ(device->setFactoryMode(), ZOR_SUCCESS);
+    EXPECT_TRUE(zorsim::state(n).factoryMode);
 }
 
 TEST_P(LinkTest, IdentityWritesAndReads)
@@ -243,27 +261,6 @@ TEST_P(LinkTest, IdentityWritesAndReads)
     ASSERT_EQ(device->setShippingMode(b), ZOR_SUCCESS);
     EXPECT_TRUE(zorsim::state(n).shippingRequested);
     EXPECT_TRUE(!b || lastPayload() == (Bytes{0x7E, 0x5A, 0x1F, 0x00}));
-}
-
-TEST_F(UsbDeviceTest, SerialWriteBatteryAndFactoryMode)
-{
-    const int n = addConfigured(Model::Pro, 382);
-    auto device = open(n);
-    unsigned char sn[8] = {8, 7, 6, 5, 4, 3, 2, 1};
-    ASSERT_EQ(device->setSerialNumber(sn, 8), ZOR_SUCCESS);
-    EXPECT_EQ(zorsim::state(n).serial, (std::array<uint8_t, 8>{8, 7, 6, 5, 4, 3, 2, 1}));
-    zorsim::Battery b;
-    b.temperature = -40;
-    b.voltage = 11900;
-    zorsim::setBattery(n, b);
-    ZOR_BATTERY_INFO info;
-    ASSERT_EQ(device->getBatteryInfo(&info, false), ZOR_SUCCESS);
-    EXPECT_EQ(std::vector<int>({info.battery_temp, info.battery_vol}), (std::vector<int>{-40, 11900}));
-    b.temperature = -41;
-    zorsim::setBattery(n, b);
-    EXPECT_EQ(device->getBatteryInfo(&info, false), ZOR_ERROR_BATTERY_DATA);
-    ASSERT_EQ(device->setFactoryMode(), ZOR_SUCCESS);
-    EXPECT_TRUE(zorsim::state(n).factoryMode);
 }
 
 } // namespace
