@@ -62,10 +62,10 @@ protected:
         device->setPairStateCallback(recordPairState);
     }
 
-    static ScriptedTransport *attach(CZOR &target)
+    template <class Transport = ScriptedTransport> static Transport *attach(CZOR &target)
     {
-        auto owned = std::make_unique<ScriptedTransport>();
-        ScriptedTransport *raw = owned.get();
+        auto owned = std::make_unique<Transport>();
+        Transport *raw = owned.get();
         target.setBleManager(std::move(owned));
         return raw;
     }
@@ -290,26 +290,30 @@ private:
 
 } // namespace
 
-TEST_F(BleExchange, ConcurrentCallersAreSerialisedAndGetTheirOwnAnswers)
+// Two callers on each of two devices: each device serialises its exchanges
+// and hands every caller its own answer, and no two exchanges share a
+// sequence number, whichever device they go to.
+TEST_F(BleExchange, ConcurrentCallersAreSerialisedGetTheirOwnAnswersAndOwnSequences)
 {
-    auto owned = std::make_unique<OverlapCheckingTransport>();
-    OverlapCheckingTransport *checking = owned.get();
-    device->setBleManager(std::move(owned));
+    CZOR other;
+    OverlapCheckingTransport *const checking[] = {attach<OverlapCheckingTransport>(*device),
+                                                  attach<OverlapCheckingTransport>(other)};
     // The answer echoes the request's two command bytes.
-    checking->setResponder([](const Bytes &sent) {
-        return std::vector<Bytes>{responseFrame(sequenceOf(sent), 0, {0, 0, 0, sent.at(6), sent.at(7)})};
-    });
+    for (OverlapCheckingTransport *t : checking)
+        t->setResponder([](const Bytes &sent) {
+            return std::vector<Bytes>{responseFrame(sequenceOf(sent), 0, {0, 0, 0, sent.at(6), sent.at(7)})};
+        });
 
-    constexpr int kThreads = 4;
     constexpr int kRequests = 60;
+    CZOR *const targets[] = {device.get(), &other, device.get(), &other};
     std::atomic<int> mismatches{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kRequests; ++i) {
                 Bytes response;
                 const Bytes payload{0x7E, 0x5A, static_cast<unsigned char>(t), static_cast<unsigned char>(i)};
-                if (device->bleSendData(BLEProtocol::CMD_DEVICE, payload, true, response) != ZOR_SUCCESS ||
+                if (targets[t]->bleSendData(BLEProtocol::CMD_DEVICE, payload, true, response) != ZOR_SUCCESS ||
                     response.size() != 8 || response[6] != t || response[7] != i)
                     ++mismatches;
             }
@@ -318,27 +322,10 @@ TEST_F(BleExchange, ConcurrentCallersAreSerialisedAndGetTheirOwnAnswers)
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(mismatches.load(), 0);
-    EXPECT_EQ(checking->overlaps.load(), 0);
-    EXPECT_EQ(checking->sent().size(), static_cast<size_t>(kThreads * kRequests));
-}
-
-TEST_F(BleExchange, ConcurrentDevicesNeverShareASequenceNumber)
-{
-    CZOR other;
-    ScriptedTransport *otherTransport = attach(other);
-    constexpr int kRequests = 60;
-    std::vector<std::thread> threads;
-    for (CZOR *target : {device.get(), &other, device.get(), &other}) {
-        threads.emplace_back([target] {
-            Bytes unused;
-            for (int i = 0; i < kRequests; ++i)
-                target->bleSendData(BLEProtocol::CMD_DEVICE, kGetParams, false, unused);
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
     std::set<uint8_t> seen;
-    for (ScriptedTransport *t : {transport, otherTransport}) {
+    for (OverlapCheckingTransport *t : checking) {
+        EXPECT_EQ(t->overlaps.load(), 0);
+        EXPECT_EQ(t->sent().size(), 2u * kRequests);
         for (const Bytes &frame : t->sent())
             seen.insert(sequenceOf(frame));
     }
