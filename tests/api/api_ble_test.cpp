@@ -17,6 +17,7 @@
 #include <vector>
 
 using zor_test::Bytes;
+using zor_test::payloadOf;
 
 class CZORTestAccess {
 public:
@@ -38,7 +39,6 @@ constexpr int kId = ZOR_BLE_ID_BASE;
 std::vector<int> g_events; // pair states, and connection states as 100 + connected
 void onPairState(ZOR_ERROR_CODE code) { g_events.push_back(code); }
 void onConnState(bool connected) { g_events.push_back(100 + connected); }
-Bytes payloadOf(const Bytes &frame) { return frame.size() < 9 ? Bytes{} : Bytes(frame.begin() + 4, frame.end() - 5); }
 
 class BluetoothCalls : public ApiTest {
 protected:

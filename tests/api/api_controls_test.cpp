@@ -76,7 +76,7 @@ std::vector<Call> everyControlCall()
 
 using Controls = ApiTest;
 
-TEST_F(Controls, EveryCallOnAnUnopenedDeviceAnswersClosedAndLeavesNothingBusy)
+TEST_F(Controls, EveryCallRefusesIdsOutsideTheTablesAndAnswersClosedOnAnUnopenedDevice)
 {
     add();
     ASSERT_EQ(ZORGetNum(), 1);
@@ -85,12 +85,6 @@ TEST_F(Controls, EveryCallOnAnUnopenedDeviceAnswersClosedAndLeavesNothingBusy)
     for (const auto &[name, call] : everyControlCall()) {
         EXPECT_EQ(call(0), ZOR_ERROR_CLOSED) << name;
         EXPECT_FALSE(anyBusy(0)) << name;
-    }
-}
-
-TEST_F(Controls, IdsOutsideTheTablesAreRefused)
-{
-    for (const auto &[name, call] : everyControlCall()) {
         EXPECT_EQ(call(-1), ZOR_ERROR_INVALID_ID) << name;
         EXPECT_EQ(call(7), ZOR_ERROR_INVALID_ID) << name << ": no device path";
         EXPECT_EQ(call(128), ZOR_ERROR_INVALID_ID) << name;

@@ -64,6 +64,13 @@ inline Bytes corrupted(Bytes frame)
 // The sequence number of a request frame.
 inline uint8_t sequenceOf(const Bytes &requestFrame) { return requestFrame.at(2); }
 
+// The payload of a request frame: what lies between its four header bytes and
+// its four reserved bytes and checksum (nothing when the frame is too short).
+inline Bytes payloadOf(const Bytes &requestFrame)
+{
+    return requestFrame.size() < 9 ? Bytes{} : Bytes(requestFrame.begin() + 4, requestFrame.end() - 5);
+}
+
 class ScriptedTransport : public IBluetoothLEManager {
 public:
     // Takes the frame just sent, returns the frames that arrive in answer.

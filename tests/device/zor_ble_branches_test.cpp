@@ -16,13 +16,12 @@
 #include <tuple>
 
 using zor_test::Bytes;
+using zor_test::payloadOf;
 using zor_test::responseFrame;
 using zor_test::ScriptedTransport;
 using zor_test::sequenceOf;
 
 namespace {
-
-Bytes payloadOf(const Bytes &frame) { return Bytes(frame.begin() + 4, frame.end() - 5); }
 
 class BleBranches : public ::testing::Test {
 protected:
