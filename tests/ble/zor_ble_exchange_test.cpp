@@ -84,7 +84,7 @@ protected:
 
 } // namespace
 
-TEST_F(BleExchange, RequestWithoutAnswerIsFramedSentAndNotWaitedFor)
+TEST_F(BleExchange, FramedRequestsWaitOnlyWhenAskedAndFailuresLeaveResponseAlone)
 {
     transport->queueFrame(responseFrame(0, 0));
     Bytes response{0xEE};
@@ -99,17 +99,13 @@ TEST_F(BleExchange, RequestWithoutAnswerIsFramedSentAndNotWaitedFor)
     EXPECT_EQ(transport->receiveCalls(), 0);
     EXPECT_EQ(response, Bytes{0xEE});
     EXPECT_EQ(exchangeLog(), std::vector<std::string>{"input:02, 03, iCommandId:" + std::to_string(seq)});
-}
 
-TEST_F(BleExchange, RefusedSendAndFailedWaitLeaveResponseAlone)
-{
-    transport->setResponder(answer([](uint8_t seq) { return std::vector<Bytes>{responseFrame(seq, 0)}; }));
-    Bytes response{0xEE};
-
+    // A refused send and a failed wait leave the response alone too.
+    transport->setResponder(answer([](uint8_t s) { return std::vector<Bytes>{responseFrame(s, 0)}; }));
     transport->setSendAccepted(false);
     EXPECT_EQ(request(response), ZOR_ERROR_BLE_SEND);
     EXPECT_EQ(transport->waitCalls(), 0);
-    EXPECT_EQ(transport->isReadCalls(), std::vector<bool>{true});
+    EXPECT_EQ(transport->isReadCalls(), (std::vector<bool>{false, true}));
 
     transport->setSendAccepted(true);
     transport->scriptWaits({false});
