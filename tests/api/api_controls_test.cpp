@@ -1,13 +1,9 @@
-// The control calls: ID checks, the closed-device answer, that each call
-// reaches the device operation it names, and the Bluetooth path's results.
+// The control calls: ID checks, the closed-device answer, and that each call
+// reaches the device operation it names.
 #include "api_fixture.h"
-
-#include "ble/scripted_transport.h"
-#include "device/zor.h"
 
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -213,46 +209,6 @@ TEST_F(Controls, MoveRunsToTheTargetAndRefusesSettingsMeanwhile)
     ASSERT_EQ(ZORMove(0, 9000), ZOR_SUCCESS);
     EXPECT_EQ(ZORStop(0), ZOR_SUCCESS);
     EXPECT_FALSE(zorsim::state(device).moving);
-}
-
-// A device object reached over Bluetooth through a scripted link.
-class BluetoothControls : public ApiTest {
-protected:
-    void SetUp() override
-    {
-        ApiTest::SetUp();
-        auto transport = std::make_unique<zor_test::ScriptedTransport>();
-        link = transport.get();
-        auto *device = new CZOR();
-        device->setBleManager(std::move(transport));
-        pZOR[kId] = device;
-    }
-    void TearDown() override
-    {
-        delete pZOR[kId].exchange(nullptr);
-        ApiTest::TearDown();
-    }
-
-    static constexpr int kId = 50;
-    zor_test::ScriptedTransport *link = nullptr;
-};
-
-TEST_F(BluetoothControls, FailuresPassThroughUnchangedAndAShortReplyIsUndecodable)
-{
-    unsigned char major, minor, build;
-    EXPECT_EQ(ZORGetFirmwareVersion(kId, &major, &minor, &build), ZOR_ERROR_BLE_TIMEOUT);
-    link->queueFrame({0x01, 0x00});
-    EXPECT_EQ(ZORGetFirmwareVersion(kId, &major, &minor, &build), ZOR_ERROR_BLE_RESPONSE);
-
-    // The exchange lock was released on the way out: the next call works.
-    link->setResponder([](const zor_test::Bytes &sent) {
-        return std::vector<zor_test::Bytes>{
-            zor_test::responseFrame(zor_test::sequenceOf(sent), 0, {0x04, 3, 8, 2})};
-    });
-    ASSERT_EQ(ZORGetFirmwareVersion(kId, &major, &minor, &build), ZOR_SUCCESS);
-    EXPECT_EQ(major * 100 + minor * 10 + build, 382);
-    link->setSendAccepted(false);
-    EXPECT_EQ(ZORSetBeep(kId, true), ZOR_ERROR_BLE_SEND);
 }
 
 } // namespace
