@@ -1,53 +1,57 @@
-// What the Bluetooth manager adds to one exchange: a request written and its
-// notification collected through the manager over the BlueZ central, beside
-// the raw round trip of the same bytes from a bare D-Bus client (WriteValue,
-// then the Value change), on one minimal org.bluez on a private bus.
+// What the library adds to a Bluetooth exchange: ZORGetPosition on a
+// Bluetooth ID, beside the raw round trip of the same request from a bare
+// D-Bus client (WriteValue, then the characteristic's Value change), both
+// against zor_bluez_sim. Run it on a private bus:
+//
+//   scripts/ble-sim-bus.sh build-bench/bench/zor_bench_ble
 //
 // Each iteration is timed on its own; the counters give the median and the
 // 99th percentile in milliseconds.
-#include "ble_transport/ble_le_manager.h"
-#include "ble_transport/linux/bluez_central.h"
-#include "fake_bluez.h"
+#include "ZOR_focuser.h"
+#include "ble_frames.h"
 
 #include <benchmark/benchmark.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 
 namespace {
 
-using zor_test::Bytes;
 using Clock = std::chrono::steady_clock;
+using Properties = std::map<std::string, sdbus::Variant>;
 
-// A request frame of the size of a position query.
-const Bytes kFrame{0x01, 0x04, 0x01, 0x02, 0x7E, 0x5A, 0x02, 0x03, 0xE1};
+constexpr int kId = ZOR_BLE_ID_BASE;
+constexpr char kCharacteristic1[] = "org.bluez.GattCharacteristic1";
+// The status query behind ZORGetPosition.
+const BLEProtocol::Bytes kStatusQuery{0x7E, 0x5A, 0x02, 0x03};
 
-struct Link {
-    zor_test::PrivateBus bus;
-    std::unique_ptr<zor_test::FakeBluez> fake;
-    std::unique_ptr<BluetoothLEManager> manager;
-
-    Link()
-    {
-        if (!bus.started())
-            std::abort();
-        fake = std::make_unique<zor_test::FakeBluez>();
-        manager = std::make_unique<BluetoothLEManager>(std::make_unique<BluezCentral>());
-        std::vector<IBluetoothLEManager::DeviceInfo> devices;
-        manager->ScanForDevices(200, devices);
-        if (!manager->ConnectToDevice("ZOR-50", ""))
-            std::abort();
-        manager->setIsRead(true);
-    }
-};
-
-Link &link()
+[[noreturn]] void fail(const char *what)
 {
-    static Link instance;
-    return instance;
+    std::fprintf(stderr, "zor_bench_ble: %s\n", what);
+    std::exit(2);
+}
+
+// The first virtual focuser, connected and paired through the library once.
+void connectThroughTheLibrary()
+{
+    static const bool connected = [] {
+        if (!std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
+            fail("no private bus: run it under scripts/ble-sim-bus.sh");
+        BLE_DEVICE_INFO found[4]{};
+        int count = 0, id = -1;
+        if (ZORBLEScan(300, found, 4, &count) != ZOR_SUCCESS || count == 0)
+            fail("no virtual focuser found");
+        if (ZORBLEConnect(found[0].Name, found[0].Address, &id) != ZOR_SUCCESS || ZORBLEPair(id) != ZOR_SUCCESS)
+            fail("connecting or pairing failed");
+        return true;
+    }();
+    (void)connected;
 }
 
 // Times `exchange` once per iteration and reports the median and the 99th
@@ -70,31 +74,26 @@ void measure(benchmark::State &state, Exchange &&exchange)
     state.counters["p99_ms"] = milliseconds[p99];
 }
 
-void BM_ManagerExchange(benchmark::State &state)
+void BM_GetPosition(benchmark::State &state)
 {
-    BluetoothLEManager &manager = *link().manager;
-    measure(state, [&] {
-        Bytes answer;
-        manager.SendData(kFrame, 3, 0);
-        const bool arrived = manager.WaitForDataAndProcess();
-        manager.GetReceivedData(answer);
-        return arrived && answer.size() == kFrame.size();
+    connectThroughTheLibrary();
+    measure(state, [] {
+        int position = -1;
+        return ZORGetPosition(kId, &position) == ZOR_SUCCESS;
     });
 }
-BENCHMARK(BM_ManagerExchange)->Iterations(300)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GetPosition)->Iterations(300)->Unit(benchmark::kMillisecond);
 
-// A client of its own: its own connection, a proxy on the characteristic and
-// a wait for the next change of its value.
+// A client of its own on the link the library set up: its own connection, a
+// proxy on the characteristic and a wait for the next change of its value.
 class RawClient {
 public:
-    RawClient()
-        : m_bus(sdbus::createSystemBusConnection()),
-          m_proxy(sdbus::createProxy(*m_bus, "org.bluez", zor_test::kCharacteristicPath))
+    RawClient() : m_bus(sdbus::createSystemBusConnection())
     {
+        m_proxy = sdbus::createProxy(*m_bus, "org.bluez", characteristicPath());
         m_proxy->uponSignal("PropertiesChanged")
             .onInterface("org.freedesktop.DBus.Properties")
-            .call([this](const std::string &, const std::map<std::string, sdbus::Variant> &changed,
-                         const std::vector<std::string> &) {
+            .call([this](const std::string &, const Properties &changed, const std::vector<std::string> &) {
                 if (!changed.count("Value"))
                     return;
                 std::lock_guard<std::mutex> lock(m_mutex);
@@ -106,20 +105,35 @@ public:
     }
     ~RawClient() { m_bus->leaveEventLoop(); }
 
-    bool exchange(const Bytes &frame)
+    bool exchange(uint8_t sequence)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         const int before = m_values;
         lock.unlock();
-        const std::map<std::string, sdbus::Variant> options{{"type", sdbus::Variant(std::string("request"))}};
         m_proxy->callMethod("WriteValue")
-            .onInterface(zor_test::kCharacteristic1)
-            .withArguments(std::vector<uint8_t>(frame.begin(), frame.end()), options);
+            .onInterface(kCharacteristic1)
+            .withArguments(requestFrame(sequence, BLEProtocol::CMD_DEVICE, kStatusQuery),
+                           Properties{{"type", sdbus::Variant(std::string("request"))}});
         lock.lock();
         return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_values != before; });
     }
 
 private:
+    // The one characteristic of the connected focuser (the others have no
+    // services resolved).
+    std::string characteristicPath()
+    {
+        std::map<sdbus::ObjectPath, std::map<std::string, Properties>> objects;
+        sdbus::createProxy(*m_bus, "org.bluez", "/")
+            ->callMethod("GetManagedObjects")
+            .onInterface("org.freedesktop.DBus.ObjectManager")
+            .storeResultsTo(objects);
+        for (const auto &[path, interfaces] : objects)
+            if (interfaces.count(kCharacteristic1))
+                return path;
+        fail("no characteristic on the bus");
+    }
+
     std::unique_ptr<sdbus::IConnection> m_bus;
     std::unique_ptr<sdbus::IProxy> m_proxy;
     std::mutex m_mutex;
@@ -129,9 +143,10 @@ private:
 
 void BM_RawRoundTrip(benchmark::State &state)
 {
-    link();
+    connectThroughTheLibrary();
     RawClient client;
-    measure(state, [&] { return client.exchange(kFrame); });
+    uint8_t sequence = 0;
+    measure(state, [&] { return client.exchange(sequence++); });
 }
 BENCHMARK(BM_RawRoundTrip)->Iterations(300)->Unit(benchmark::kMillisecond);
 

@@ -199,23 +199,28 @@ int CZOR::BLERegConnStateCallback(ZORConnStateCallback callback)
         return ZOR_ERROR_CLOSED;
     m_connStateCallback = callback;
     ZOR_LOG("BLE connection state callback registered.");
-    std::weak_ptr<CZOR *> alive = m_liveness;
-    m_pBleManager->ConnectStateCallbackFunc([alive](bool connected) {
-        if (std::shared_ptr<CZOR *> self = alive.lock())
-            (*self)->onConnectionState(connected);
-    });
+    std::shared_ptr<ConnectionGate> gate = m_connectionGate;
+    m_pBleManager->ConnectStateCallbackFunc([gate](bool connected) { onConnectionState(*gate, connected); });
     return ZOR_SUCCESS;
 }
 
-void CZOR::onConnectionState(bool connected)
+void CZOR::onConnectionState(ConnectionGate &gate, bool connected)
 {
-    if (ZORConnStateCallback callback = m_connStateCallback) {
+    std::lock_guard<std::recursive_mutex> lock(gate.mutex);
+    if (!gate.device)
+        return;
+    if (ZORConnStateCallback callback = gate.device->m_connStateCallback) {
         callback(connected);
         ZOR_LOG("BLE connection state changed: %s", connected ? "Connected" : "Disconnected");
     }
-    if (connected)
-        return;
-    ZOR_LOG("BLE disconnected, resetting flags.");
+    // The client's callback may have disconnected, and so destroyed, the object.
+    if (!connected && gate.device)
+        gate.device->onLinkLost();
+}
+
+void CZOR::onLinkLost()
+{
+    ZOR_LOG_AS("onConnectionState", "BLE disconnected, resetting flags.");
     if (m_pBleManager) {
         dropBleLink(false);
         return;

@@ -17,6 +17,12 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuserConfig.cmake
 # The pkg-config file locates the prefix relative to itself, so an install
 # under another prefix (or a staging root) needs no edit.
 file(RELATIVE_PATH ZOR_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+# On macOS the library is found through @rpath: a client built from the
+# pkg-config flags carries the library directory as its run path.
+set(ZOR_PC_RPATH "")
+if(APPLE)
+  set(ZOR_PC_RPATH " -Wl,-rpath,\${libdir}")
+endif()
 configure_file(packaging/ZORfocuser.pc.in ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuser.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZORfocuser.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

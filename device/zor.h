@@ -171,7 +171,18 @@ private:
     // The link goes down: the motor is stopped if it moves, the transport
     // disconnects and the session flags fall.
     void dropBleLink(bool mayWaitForLock);
-    void onConnectionState(bool connected);
+    // The transport's connection-state handler, on the transport's thread.
+    void onLinkLost();
+
+    // What the handler given to the process-wide transport (which outlives
+    // this object) reaches the object through. The destructor closes it,
+    // waiting for a handler running on another thread; the handler's own
+    // thread may pass (a client callback that disconnects from inside).
+    struct ConnectionGate {
+        std::recursive_mutex mutex;
+        CZOR *device;
+    };
+    static void onConnectionState(ConnectionGate &gate, bool connected);
 
     hid_device *m_hDev = nullptr;
     std::recursive_mutex m_mutex;
@@ -235,9 +246,7 @@ private:
     std::atomic<ZORConnStateCallback> m_connStateCallback{nullptr};
     std::atomic<bool> m_bBlePaired{false};
     std::atomic<bool> m_bBleSessionReady{false};
-    // Alive as long as this object: the connection-state handler given to the
-    // process-wide transport checks it, since the transport may outlive us.
-    std::shared_ptr<CZOR *> m_liveness = std::make_shared<CZOR *>(this);
+    std::shared_ptr<ConnectionGate> m_connectionGate{new ConnectionGate{{}, this}};
 
     friend class CZORTestAccess;
 };

@@ -37,6 +37,10 @@ CZOR::CZOR()
 
 CZOR::~CZOR()
 {
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_connectionGate->mutex);
+        m_connectionGate->device = nullptr;
+    }
     m_pBleManager.reset();
     // A handle still open here (the owner skipped close) is released without
     // talking to the device.

@@ -9,8 +9,16 @@ debian_packages=(
   libsdbus-c++-dev libsystemd-dev dbus libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev
+  libgnustep-base-dev
 )
-brew_packages=(cmake pkg-config hidapi tinyxml spdlog fmt cli11 googletest google-benchmark)
+brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark)
+
+# Homebrew has disabled its TinyXML (1.x) formula. Where it cannot install
+# it, TinyXML's own release is built as a static library under this prefix,
+# which the build finds through CMAKE_PREFIX_PATH.
+tinyxml_prefix=${ZOR_TINYXML_PREFIX:-$HOME/.local/tinyxml}
+tinyxml_release=https://downloads.sourceforge.net/project/tinyxml/tinyxml/2.6.2/tinyxml_2_6_2.tar.gz
+tinyxml_sha256=15bdfdcec58a7da30adc87ac2b078e4417dbe5392f3afb719f9ba6d062645593
 
 install_debian() {
   local missing=()
@@ -30,8 +38,26 @@ install_brew() {
   for p in "${brew_packages[@]}"; do
     brew list --versions "$p" >/dev/null 2>&1 || missing+=("$p")
   done
-  [ ${#missing[@]} -eq 0 ] && return 0
-  brew install "${missing[@]}"
+  [ ${#missing[@]} -eq 0 ] || brew install "${missing[@]}"
+  brew list --versions tinyxml >/dev/null 2>&1 || brew install tinyxml 2>/dev/null || build_tinyxml
+}
+
+build_tinyxml() {
+  [ -f "$tinyxml_prefix/lib/libtinyxml.a" ] && return 0
+  echo "bootstrap: building TinyXML 2.6.2 in $tinyxml_prefix"
+  local work
+  work=$(mktemp -d)
+  curl -fsSL "$tinyxml_release" -o "$work/tinyxml.tar.gz"
+  echo "$tinyxml_sha256  $work/tinyxml.tar.gz" | shasum -a 256 -c - >/dev/null
+  tar -xzf "$work/tinyxml.tar.gz" -C "$work"
+  mkdir -p "$tinyxml_prefix/lib" "$tinyxml_prefix/include"
+  local unit
+  for unit in tinyxml tinyxmlparser tinyxmlerror tinystr; do
+    c++ -O2 -fPIC -DTIXML_USE_STL -c "$work/tinyxml/$unit.cpp" -o "$work/$unit.o"
+  done
+  ar rcs "$tinyxml_prefix/lib/libtinyxml.a" "$work"/*.o
+  cp "$work/tinyxml/tinyxml.h" "$work/tinyxml/tinystr.h" "$tinyxml_prefix/include/"
+  rm -rf "$work"
 }
 
 case "$(uname -s)" in

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs every test suite: a plain build, then the same suites under
-# ASan+UBSan and under TSan, then a short fuzzing run. Installs what is
+# ASan+UBSan and under TSan, then a short fuzzing run; first a compile check
+# of the macOS sources against declared frameworks. Installs what is
 # missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -39,6 +40,12 @@ run_suite() {
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+# On macOS the real build compiles them.
+if [ "$(uname -s)" = Linux ]; then
+  echo "=== macOS sources (compile only)"
+  scripts/check-mac-sources.sh
+fi
 
 run_suite plain -- -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite asan -- -DCMAKE_BUILD_TYPE=Debug -DZOR_SANITIZE=address -DZOR_BUILD_BENCH=OFF

@@ -331,7 +331,15 @@ void BluezCentral::platformStartScan()
             return;
         std::map<std::string, sdbus::Variant> filter{{"Transport", sdbus::Variant(std::string("le"))}};
         call(m_adapter, bluez::kAdapter, "SetDiscoveryFilter", logFailure("SetDiscoveryFilter"), filter);
-        call(m_adapter, bluez::kAdapter, "StartDiscovery", logFailure("StartDiscovery"));
+        // A discovery the central restarted by itself after a disconnect is
+        // still on, and BlueZ refuses this client a second one: stop it and
+        // start afresh, so that the new scan hears every focuser again.
+        call(m_adapter, bluez::kAdapter, "StartDiscovery", [this](const sdbus::Error *error) {
+            if (!error || error->getName() != kInProgress)
+                return logFailure("StartDiscovery")(error);
+            call(m_adapter, bluez::kAdapter, "StopDiscovery", logFailure("StopDiscovery"));
+            call(m_adapter, bluez::kAdapter, "StartDiscovery", logFailure("StartDiscovery"));
+        });
     });
 }
 

@@ -10,16 +10,19 @@ prefix="$work/root/opt/zor"
 libdir=$(dirname "$(find "$prefix" -name 'libZORfocuser.so' -o -name 'libZORfocuser.dylib' | head -n1)")
 
 test -f "$prefix/include/ZOR_focuser.h"
-# One udev rule, named to sort before the seat rules (73-seat-late.rules), or
-# its uaccess would never act.
-rules=$(ls "$work/root/etc/udev/rules.d")
-[[ "$rules" != *$'\n'* && "$rules" < "73-seat-late.rules" ]]
-grep -q 'idProduct}=="1f10", TAG+="uaccess", GROUP="plugdev", MODE="0660"' "$work/root/etc/udev/rules.d/$rules"
-# Where the rules directory cannot be written (a user's own install), the rule
-# is skipped with a note and the install goes on.
-note=$(cmake -DZOR_UDEV_RULE="$work/root/etc/udev/rules.d/$rules" -DZOR_UDEV_RULES_DIR=/proc/zor-rules.d \
-             -P "$source_dir/../../cmake/ZorInstallUdevRule.cmake")
-echo "$note" | grep -q "Not installed (/proc/zor-rules.d is not writable): $rules"
+# The udev rule is for Linux only.
+if [ "$(uname -s)" = Linux ]; then
+  # One udev rule, named to sort before the seat rules (73-seat-late.rules), or
+  # its uaccess would never act.
+  rules=$(ls "$work/root/etc/udev/rules.d")
+  [[ "$rules" != *$'\n'* && "$rules" < "73-seat-late.rules" ]]
+  grep -q 'idProduct}=="1f10", TAG+="uaccess", GROUP="plugdev", MODE="0660"' "$work/root/etc/udev/rules.d/$rules"
+  # Where the rules directory cannot be written (a user's own install), the rule
+  # is skipped with a note and the install goes on.
+  note=$(cmake -DZOR_UDEV_RULE="$work/root/etc/udev/rules.d/$rules" -DZOR_UDEV_RULES_DIR=/proc/zor-rules.d \
+               -P "$source_dir/../../cmake/ZorInstallUdevRule.cmake")
+  echo "$note" | grep -q "Not installed (/proc/zor-rules.d is not writable): $rules"
+fi
 
 cmake -S "$source_dir/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/consumer" >/dev/null
@@ -29,9 +32,12 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 cc -std=c99 "$source_dir/consumer/main.c" -o "$work/pc_consumer" $(pkg-config --cflags --libs ZORfocuser)
 LD_LIBRARY_PATH="$libdir" "$work/pc_consumer"
 
-# The installed zorctl finds the library and the virtual focusers from where it is.
-if [ -x "$prefix/bin/zorctl" ]; then
+# The installed zorctl finds the library (and on Linux the virtual focusers)
+# from where it is.
+if [ -x "$prefix/bin/zorctl" ] && [ "$(uname -s)" = Linux ]; then
   test -f "$libdir/ZORfocuser/libzor_hidsim.so"
   HOME="$work/home" "$prefix/bin/zorctl" --simulate list | grep -q 'ZOR Pro'
+elif [ -x "$prefix/bin/zorctl" ]; then
+  "$prefix/bin/zorctl" --version >/dev/null
 fi
 echo "install check passed"

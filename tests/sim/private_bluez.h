@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <map>
 #include <string>
 
 class PrivateBluez {
@@ -66,6 +67,19 @@ class PrivateBluez {
             ->callMethod(method)
             .onInterface("com.zor.Sim")
             .withArguments(args...);
+    }
+
+    // The simulator's GetState of one focuser: "Position", "Connected", ...
+    std::map<std::string, sdbus::Variant> state(const std::string &device) const
+    {
+        std::map<std::string, sdbus::Variant> state;
+        auto bus = sdbus::createSessionBusConnectionWithAddress(address_);
+        sdbus::createProxy(*bus, "com.zor.Sim", "/com/zor/Sim")
+            ->callMethod("GetState")
+            .onInterface("com.zor.Sim")
+            .withArguments(device)
+            .storeResultsTo(state);
+        return state;
     }
 
   private:
