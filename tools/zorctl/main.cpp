@@ -19,8 +19,8 @@
 namespace zorctl {
 namespace {
 
-// The top level accepts --simulate, --version and the shell; the commands
-// typed into the shell get the rest.
+// The top level accepts --simulate, --ble, --version and the shell; the
+// commands typed into the shell get the rest.
 enum class Level { Program, Shell };
 
 int runShell(char **argv);
