@@ -1,16 +1,21 @@
 #!/usr/bin/env bash
-# A short tour of zorctl on a virtual focuser: installs what is missing,
-# builds zorctl, then lists, inspects, moves and configures a virtual ZOR Pro.
-# No focuser needed.
+# A short tour of zorctl on virtual focusers: installs what is missing,
+# builds zorctl, then lists, inspects, moves and configures a virtual ZOR Pro
+# on USB, and scans for, pairs with, inspects and moves one over Bluetooth.
+# No focuser and no radio needed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/bootstrap.sh
+# The package manager's progress goes to a log, shown only when it fails.
+setup_log=$(mktemp)
+echo "=== installing what is missing (if anything)"
+scripts/bootstrap.sh >"$setup_log" 2>&1 || { cat "$setup_log"; exit 1; }
+rm -f "$setup_log"
 
 build=${ZOR_DEMO_BUILD:-build-demo}
 echo "=== building zorctl in ${build}"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target zorctl zor_hidsim >/dev/null
+cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target zorctl zor_hidsim zor_bluez_sim >/dev/null
 zorctl="$build/tools/zorctl/zorctl"
 
 # Virtual focusers keep their settings and logs under XDG_STATE_HOME (never
@@ -44,5 +49,22 @@ echo
 echo "\$ zorctl --simulate=old@321:16 get 0 led     # early firmware has no LED control"
 "$zorctl" --simulate=old@321:16 get 0 led || echo "(exit status $?)"
 
+# A battery-powered ZOR Pro that advertises as "Garage". zorctl starts a
+# private bus with it for each command, and stops it again afterwards.
+ble="--simulate=ble:pro@382/name=Garage/battery=80/speed=1500"
+
 echo
-echo "=== done. Try more: $zorctl --simulate --help"
+echo "=== the Bluetooth tour (scan and pairing progress go to standard error)"
+show "$ble" ble scan
+show "$ble" ble pair Garage
+
+echo
+echo "\$ printf 'move 31500 --wait\ninfo\n' | zorctl $ble --ble Garage shell   # one link for both"
+printf 'move 31500 --wait\ninfo\n' | "$zorctl" "$ble" --ble Garage shell
+
+echo
+echo "\$ zorctl $ble --ble Attic info     # no focuser of that name"
+"$zorctl" "$ble" --ble Attic info || echo "(exit status $?)"
+
+echo
+echo "=== done. Try more: $zorctl --help"

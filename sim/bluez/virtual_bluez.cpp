@@ -127,9 +127,17 @@ void VirtualBluez::startDiscovery()
 {
     if (!powered_)
         fail("org.bluez.Error.NotReady", "Resource Not Ready");
-    if (discovering_)
+    // BlueZ keeps a discovery per client: only the same client may not start
+    // twice. Another one (or a program started after one that never stopped
+    // its own) joins, and the focusers advertise again for it.
+    const std::string client = adapter_->getCurrentlyProcessedMessage()->getSender();
+    if (discovering_ && client == discoveryClient_)
         fail("org.bluez.Error.InProgress", "Operation already in progress");
-    setDiscovering(true);
+    discoveryClient_ = client;
+    if (discovering_)
+        ++scan_;
+    else
+        setDiscovering(true);
     auto delay = kAdvertisingStagger;
     for (auto &p : peripherals_) {
         Peripheral *peripheral = p.get();

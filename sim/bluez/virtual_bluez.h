@@ -68,6 +68,7 @@ class VirtualBluez {
     std::string adapterAddress_;
     bool powered_ = true;
     bool discovering_ = false;
+    std::string discoveryClient_; // the bus name that started the discovery last
     uint64_t scan_ = 0; // counts discovery sessions; an old one's reports are dropped
     std::vector<std::unique_ptr<Peripheral>> peripherals_;
 };

@@ -20,7 +20,8 @@ namespace {
 bool inherited(const char *entry)
 {
     for (const char *name :
-         {"ZOR_SIM=", "ZORCTL_SIMULATED=", "ZORCTL_SIM_LIBRARY=", "XDG_STATE_HOME=", "LD_PRELOAD="})
+         {"ZOR_SIM=", "ZORCTL_SIMULATED=", "ZORCTL_SIM_LIBRARY=", "XDG_STATE_HOME=", "LD_PRELOAD=",
+                              "DBUS_SYSTEM_BUS_ADDRESS="})
         if (std::strncmp(entry, name, std::strlen(name)) == 0)
             return false;
     return true;

@@ -1,4 +1,5 @@
 // The numeric and shared arguments of the subcommands.
+#include "ble.h"
 #include "commands.h"
 
 #include "ZOR_focuser.h"
@@ -46,9 +47,17 @@ CLI::Option *addWholeNumber(CLI::App &sub, const std::string &name, int &value,
 
 void addIdArgument(CLI::App &sub, int &id)
 {
-    addWholeNumber(sub, "ID", id, "Focuser ID, as 'zorctl list' shows it", 0, ZOR_BLE_ID_BASE - 1,
-                   "a focuser on USB")
-        ->required();
+    // With --ble there is no ID: refusing every word here hands them all to
+    // the positionals that follow ("move 30" then moves to step 30).
+    if (bluetoothChosen())
+        sub.validate_positionals();
+    addWholeNumber(sub, "ID", id, "Focuser ID, as 'zorctl list' shows it (none with --ble)", 0,
+                   ZOR_BLE_ID_BASE - 1, "a focuser on USB")
+        ->check(CLI::Validator(
+            [](const std::string &) {
+                return bluetoothChosen() ? std::string("no ID is taken with --ble") : std::string();
+            },
+            ""));
 }
 
 void addStepArgument(CLI::App &sub, int &step, const std::string &description)

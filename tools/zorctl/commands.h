@@ -18,6 +18,7 @@ namespace zorctl {
 struct Command {
     CLI::App *app;
     std::function<int()> run; // returns the exit status
+    int *id = nullptr;        // the focuser ID it acts on: given, or the --ble focuser's
 };
 using Commands = std::vector<Command>;
 
@@ -26,6 +27,7 @@ void addMotion(CLI::App &app, Commands &commands); // move, stop, position, sync
 void addWatch(CLI::App &app, Commands &commands);
 void addSettings(CLI::App &app, Commands &commands); // get, set
 void addUpdate(CLI::App &app, Commands &commands);
+void addBle(CLI::App &app, Commands &commands); // ble scan, pair, clear-pair
 
 // Shared argument helpers. Numbers on the command line are plain decimal
 // integers: an optional minus sign and digits, nothing else.
@@ -35,6 +37,7 @@ std::optional<int> parseWholeNumber(const std::string &text); // nullopt: not on
 CLI::Option *addWholeNumber(CLI::App &sub, const std::string &name, int &value,
                             const std::string &description, int lo, int hi = INT_MAX,
                             const std::string &note = "");
+// The ID positional; optional, since --ble names the focuser instead.
 void addIdArgument(CLI::App &sub, int &id);
 void addStepArgument(CLI::App &sub, int &step, const std::string &description);
 void addJsonFlag(CLI::App &sub, bool &json);

@@ -1,4 +1,5 @@
 // list: the focusers found; info: everything one focuser says about itself.
+#include "ble.h"
 #include "commands.h"
 #include "device.h"
 #include "json.h"
@@ -203,6 +204,38 @@ void reportBattery(InfoReport &report, int id)
     });
 }
 
+const char *onOff(int flag) { return flag ? "on" : "off"; }
+
+// The one-exchange status record that only Bluetooth offers.
+void reportAllStatus(InfoReport &report, int id)
+{
+    report.optional("all_status", [&] {
+        ZOR_ALL_INFO a{};
+        check(ZORBLEgetAllInfo(id, &a), "reading the all-status record");
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "at %d%s, max step %d, backlash %d, %.1f C, beep %s, reverse %s, LED %s, hand controller "
+                      "%s, battery %d %%",
+                      a.Position, a.IsMoving ? " (moving)" : "", a.MaxStep, a.Backlash,
+                      static_cast<double>(a.Temperature), onOff(a.Beep), onOff(a.Reverse), onOff(a.LedState),
+                      a.HandController ? "connected" : "none", a.Battery.battery_percentage);
+        report.line("all_status", text,
+                    Json::object()
+                        .set("position", a.Position)
+                        .set("moving", a.IsMoving != 0)
+                        .set("max_step", a.MaxStep)
+                        .set("backlash", a.Backlash)
+                        .set("temperature", static_cast<double>(a.Temperature))
+                        .set("beep", a.Beep != 0)
+                        .set("reverse", a.Reverse != 0)
+                        .set("led", a.LedState != 0)
+                        .set("hand_controller", a.HandController != 0)
+                        .set("hand_control_moving", a.HandControlMoving != 0)
+                        .set("status_bytes", hex(a.StatusBytes, sizeof a.StatusBytes))
+                        .set("battery_percentage", a.Battery.battery_percentage));
+    });
+}
+
 int runInfo(int id, bool json)
 {
     Focuser f(id);
@@ -256,6 +289,8 @@ int runInfo(int id, bool json)
         report.line("power_off", "not supported", Json());
         report.line("battery", "not supported", Json());
     }
+    if (isBluetoothId(id))
+        reportAllStatus(report, id);
     return report.finish();
 }
 
@@ -276,10 +311,11 @@ void addListAndInfo(CLI::App &app, Commands &commands)
     auto args = std::make_shared<InfoArgs>();
     CLI::App *info = app.add_subcommand(
         "info",
-        "Show identity, firmware, capabilities, error codes, power-off reason and battery of a focuser");
+        "Show identity, firmware, capabilities, error codes, power-off reason and battery of a focuser (over "
+        "Bluetooth also its all-status record)");
     addIdArgument(*info, args->id);
     addJsonFlag(*info, args->json);
-    commands.push_back({info, [args] { return runInfo(args->id, args->json); }});
+    commands.push_back({info, [args] { return runInfo(args->id, args->json); }, &args->id});
 }
 
 } // namespace zorctl

@@ -1,4 +1,5 @@
 // move, stop, position and sync.
+#include "ble.h"
 #include "commands.h"
 #include "device.h"
 #include "interrupt.h"
@@ -59,13 +60,15 @@ struct MoveArgs {
 
 int runMove(const MoveArgs &a)
 {
-    if (a.wait)
+    // Closing a Bluetooth link stops the motor, so zorctl stays to the end.
+    const bool wait = a.wait || isBluetoothId(a.id);
+    if (wait)
         catchInterrupt();
     Focuser f(a.id);
     checkStep(a.id, a.step);
     const int start = readPosition(a.id);
     check(ZORMove(a.id, a.step), "starting the move");
-    if (!a.wait) {
+    if (!wait) {
         std::printf("Focuser %d is moving from %d to %d.\n", a.id, start, a.step);
         return 0;
     }
@@ -111,13 +114,14 @@ void addMotion(CLI::App &app, Commands &commands)
     addIdArgument(*moveCmd, move->id);
     addStepArgument(*moveCmd, move->step, "Target position in steps");
     moveCmd->add_flag("-w,--wait", move->wait,
-                      "Show a progress bar until the focuser stops; Ctrl-C stops the focuser");
-    commands.push_back({moveCmd, [move] { return runMove(*move); }});
+                      "Show a progress bar until the focuser stops; Ctrl-C stops the focuser (always so over Bluetooth, "
+                      "where the end of the link stops the motor)");
+    commands.push_back({moveCmd, [move] { return runMove(*move); }, &move->id});
 
     auto stopId = std::make_shared<int>(0);
     CLI::App *stop = app.add_subcommand("stop", "Stop a focuser");
     addIdArgument(*stop, *stopId);
-    commands.push_back({stop, [stopId] { return runStop(*stopId); }});
+    commands.push_back({stop, [stopId] { return runStop(*stopId); }, stopId.get()});
 
     struct PositionArgs {
         int id = 0;
@@ -127,7 +131,7 @@ void addMotion(CLI::App &app, Commands &commands)
     CLI::App *position = app.add_subcommand("position", "Show the current position in steps");
     addIdArgument(*position, pos->id);
     addJsonFlag(*position, pos->json);
-    commands.push_back({position, [pos] { return runPosition(pos->id, pos->json); }});
+    commands.push_back({position, [pos] { return runPosition(pos->id, pos->json); }, &pos->id});
 
     struct SyncArgs {
         int id = 0;
@@ -138,7 +142,7 @@ void addMotion(CLI::App &app, Commands &commands)
         app.add_subcommand("sync", "Redefine the current position as STEP (the focuser does not move)");
     addIdArgument(*syncCmd, sync->id);
     addStepArgument(*syncCmd, sync->step, "The step number the current position gets");
-    commands.push_back({syncCmd, [sync] { return runSync(sync->id, sync->step); }});
+    commands.push_back({syncCmd, [sync] { return runSync(sync->id, sync->step); }, &sync->id});
 }
 
 } // namespace zorctl

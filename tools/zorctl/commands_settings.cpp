@@ -266,7 +266,7 @@ void addSettings(CLI::App &app, Commands &commands)
     addIdArgument(*getCmd, get->id);
     getCmd->add_option("NAME", get->name, "The setting")->required()->check(CLI::IsMember(names(false)));
     addJsonFlag(*getCmd, get->json);
-    commands.push_back({getCmd, [get] { return runGet(*get); }});
+    commands.push_back({getCmd, [get] { return runGet(*get); }, &get->id});
 
     auto set = std::make_shared<SettingArgs>();
     CLI::App *setCmd = app.add_subcommand("set", "Change a setting of a focuser");
@@ -277,7 +277,7 @@ void addSettings(CLI::App &app, Commands &commands)
                      "backlash 0-255, max-step 0-step range, speed 0-65535, max-force 0-15, beep/reverse/led "
                      "on|off, ble-name up to 11 characters, alias up to 8")
         ->required();
-    commands.push_back({setCmd, [set] { return runSet(*set); }});
+    commands.push_back({setCmd, [set] { return runSet(*set); }, &set->id});
 }
 
 } // namespace zorctl

@@ -1,4 +1,5 @@
-// update: writes a firmware image to a focuser over USB.
+// update: writes a firmware image to a focuser over USB or Bluetooth.
+#include "ble.h"
 #include "commands.h"
 #include "device.h"
 #include "interrupt.h"
@@ -100,19 +101,14 @@ void awaitRestart(int id)
     std::printf("Focuser %d has not come back yet; 'zorctl list' shows when it has.\n", id);
 }
 
-int runUpdate(int id, const std::string &path)
+// Writes the image with `writeChunk`, in chunks of at most `chunkBytes`
+// (which fit the Buffer record), under a progress bar; false when Ctrl-C
+// stopped it. The first chunk the focuser refuses ends the update with its
+// code.
+template <typename Buffer>
+bool writeChunks(int id, const std::vector<unsigned char> &image, std::size_t chunkBytes,
+                 ZOR_ERROR_CODE (*writeChunk)(int, Buffer))
 {
-    const std::vector<unsigned char> image = readImage(path);
-    catchInterrupt();
-    Focuser f(id);
-    const FirmwareVersion fw = f.firmware();
-    const ZOR_ERROR_CODE start = ZORHidStartUpdate(id);
-    if (start == ZOR_ERROR_NOT_SUPPORTED)
-        throw Failure("focuser " + std::to_string(id) + " (firmware " + fw.text() +
-                          ") cannot be updated over USB; that needs firmware 3.7.0 or later",
-                      start);
-    check(start, "starting the update");
-
     ProgressBar bar(stdout, "writing");
     std::size_t done = 0;
     while (done < image.size()) {
@@ -121,17 +117,37 @@ int runUpdate(int id, const std::string &path)
             std::printf(
                 "Interrupted: the focuser stays in update mode without a complete image; run the update "
                 "again to finish it.\n");
-            return kInterruptedExit;
+            return false;
         }
-        ZOR_HID_FILE_BUF chunk{};
-        const std::size_t n = std::min(kChunkBytes, image.size() - done);
+        Buffer chunk{};
+        const std::size_t n = std::min(chunkBytes, image.size() - done);
         chunk.Length = static_cast<int32_t>(n);
         std::memcpy(chunk.Data, image.data() + done, n);
-        check(ZORHidWriteUpdateFile(id, chunk), "writing the image at byte " + std::to_string(done));
+        check(writeChunk(id, chunk), "writing the image at byte " + std::to_string(done));
         done += n;
         bar.update(static_cast<double>(done) / image.size(), bytesDetail(done, image.size()));
     }
     bar.finish(1.0, bytesDetail(done, image.size()));
+    return true;
+}
+
+[[noreturn]] void cannotUpdate(int id, const FirmwareVersion &fw, const char *link, const char *needed)
+{
+    throw Failure("focuser " + std::to_string(id) + " (firmware " + fw.text() + ") cannot be updated over " +
+                      link + "; that needs firmware " + needed + " or later",
+                  ZOR_ERROR_NOT_SUPPORTED);
+}
+
+int runUsbUpdate(int id, const std::vector<unsigned char> &image)
+{
+    Focuser f(id);
+    const FirmwareVersion fw = f.firmware();
+    const ZOR_ERROR_CODE start = ZORHidStartUpdate(id);
+    if (start == ZOR_ERROR_NOT_SUPPORTED)
+        cannotUpdate(id, fw, "USB", "3.7.0");
+    check(start, "starting the update");
+    if (!writeChunks(id, image, kChunkBytes, ZORHidWriteUpdateFile))
+        return kInterruptedExit;
 
     const ZOR_ERROR_CODE end = ZORHidEndUpdate(id);
     // An answer to the end request (12, a code of its own) means the focuser
@@ -147,6 +163,29 @@ int runUpdate(int id, const std::string &path)
     return 0;
 }
 
+// The focuser takes the image as announced and restarts into it after the
+// last byte, which ends the Bluetooth link.
+int runBleUpdate(int id, const std::vector<unsigned char> &image)
+{
+    const FirmwareVersion fw = Focuser(id).firmware();
+    const ZOR_ERROR_CODE start = ZORBLEStartUpdate(id, static_cast<int>(image.size()));
+    if (start == ZOR_ERROR_NOT_SUPPORTED)
+        cannotUpdate(id, fw, "Bluetooth", "3.8.2");
+    check(start, "starting the update");
+    if (!writeChunks(id, image, sizeof(ZOR_BLE_FILE_BUF::Data), ZORBLEWriteUpdateFile))
+        return kInterruptedExit;
+    std::printf("Image of %zu bytes written; the focuser restarts with it and ends the Bluetooth link.\n",
+                image.size());
+    return 0;
+}
+
+int runUpdate(int id, const std::string &path)
+{
+    const std::vector<unsigned char> image = readImage(path);
+    catchInterrupt();
+    return isBluetoothId(id) ? runBleUpdate(id, image) : runUsbUpdate(id, image);
+}
+
 } // namespace
 
 void addUpdate(CLI::App &app, Commands &commands)
@@ -157,10 +196,10 @@ void addUpdate(CLI::App &app, Commands &commands)
     };
     auto args = std::make_shared<UpdateArgs>();
     CLI::App *update = app.add_subcommand(
-        "update", "Write a firmware image to a focuser over USB (firmware 3.7.0 and later)");
+        "update", "Write a firmware image to a focuser: over USB from firmware 3.7.0, over Bluetooth (--ble) from 3.8.2");
     addIdArgument(*update, args->id);
     update->add_option("FILE", args->file, "The firmware image")->required();
-    commands.push_back({update, [args] { return runUpdate(args->id, args->file); }});
+    commands.push_back({update, [args] { return runUpdate(args->id, args->file); }, &args->id});
 }
 
 } // namespace zorctl

@@ -91,7 +91,7 @@ void addWatch(CLI::App &app, Commands &commands)
                    0);
     addWholeNumber(*watch, "--move", args->moveTo,
                    "Start a move to this step first and show its target; Ctrl-C then stops the focuser", 0);
-    commands.push_back({watch, [args] { return runWatch(*args); }});
+    commands.push_back({watch, [args] { return runWatch(*args); }, &args->id});
 }
 
 } // namespace zorctl

@@ -1,5 +1,6 @@
 #include "device.h"
 
+#include "ble.h"
 #include "result_codes.h"
 
 #include <cstring>
@@ -19,6 +20,8 @@ void check(ZOR_ERROR_CODE code, const std::string &doing)
 
 Focuser::Focuser(int id) : m_id(id)
 {
+    if (isBluetoothId(id))
+        return; // open while its link lasts (ble.h)
     ZORGetNum();
     check(ZOROpen(id), "opening focuser " + std::to_string(id));
     m_open = true;

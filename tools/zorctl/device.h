@@ -26,6 +26,7 @@ struct Capability {
 
 // One open focuser: enumerates (IDs exist only after an enumeration), opens
 // the ID, and closes it again at the end of the command unless it is moving.
+// A Bluetooth ID is already open: its link opens and closes it.
 class Focuser {
   public:
     explicit Focuser(int id);

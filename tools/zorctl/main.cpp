@@ -1,5 +1,6 @@
 // zorctl: drives ZOR focusers from the command line through the SDK's
 // public interface.
+#include "ble.h"
 #include "commands.h"
 #include "errors.h"
 #include "interrupt.h"
@@ -12,16 +13,36 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 #include <unistd.h>
 
 namespace zorctl {
 namespace {
 
-// The top level accepts --simulate, --version and the shell; the commands
-// typed into the shell get the rest.
+// The top level accepts --simulate, --ble, --version and the shell; the
+// commands typed into the shell get the rest.
 enum class Level { Program, Shell };
 
 int runShell(char **argv);
+
+const Command *parsedCommand(const Commands &commands)
+{
+    for (const Command &c : commands)
+        if (c.app->parsed())
+            return &c;
+    return nullptr;
+}
+
+// A command on one focuser takes either its ID or the --ble focuser (in a
+// shell started with --ble, that focuser); the others take neither. (An ID
+// given with --ble does not parse: see addIdArgument.)
+void checkFocuserChoice(const Command &c, bool bluetooth)
+{
+    if (!c.id && bluetooth)
+        throw UsageError("'" + c.app->get_name() + "' acts on no single focuser; --ble does not apply");
+    if (c.id && c.app->get_option("ID")->count() == 0 && !bluetooth)
+        throw UsageError("the focuser's ID is needed (or --ble NAME for a Bluetooth focuser)");
+}
 
 void printError(const std::string &message)
 {
@@ -41,6 +62,10 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
     CLI::Option *simulate = nullptr;
     bool version = false;
     CLI::App *shell = nullptr;
+    std::string bleName;
+    int bleScanMs = kDefaultScanMs;
+    CLI::Option *ble = nullptr;
+    Commands commands;
     if (level == Level::Program) {
         simulate =
             app.add_option("--simulate", simulation,
@@ -56,20 +81,38 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
                                                : "DEVICES does not describe virtual focusers: " + problem;
                     },
                     "DEVICES"));
+        ble = app.add_option_function<std::string>(
+                       "--ble",
+                       [&bleName, &commands](const std::string &name) {
+                           bleName = name;
+                           chooseBluetooth();
+                           for (const Command &c : commands) // see addIdArgument
+                               if (c.id)
+                                   c.app->validate_positionals();
+                       },
+                             "Run the command on the Bluetooth focuser that advertises NAME, instead of an ID: "
+                             "zorctl scans, connects, pairs, runs it and disconnects (with 'shell': one link "
+                             "for every command read)")
+                  ->type_name("NAME")
+                  ->trigger_on_parse(); // before the command's positionals are read
+        addWholeNumber(app, "--ble-scan", bleScanMs, "Milliseconds to scan for the --ble focuser (default 2000)",
+                       100, 60000);
         app.add_flag("--version", version, "Print the versions of zorctl and the library");
         app.footer("Examples:\n"
                    "  zorctl list\n"
                    "  zorctl move 0 12000 --wait\n"
                    "  zorctl set 0 backlash 40\n"
                    "  zorctl --simulate info 0          (a virtual ZOR Pro, no hardware needed)\n"
-                   "  zorctl --simulate=pro@382,n@370 list");
+                   "  zorctl --simulate=pro@382,n@370 list\n"
+                   "  zorctl --ble Garage info            (a Bluetooth focuser, by its advertised name)\n"
+                   "  zorctl --simulate=ble:pro@382/name=Garage --ble Garage move 5000 --wait");
     }
-    Commands commands;
     addListAndInfo(app, commands);
     addMotion(app, commands);
     addWatch(app, commands);
     addSettings(app, commands);
     addUpdate(app, commands);
+    addBle(app, commands);
     if (level == Level::Program)
         shell = app.add_subcommand("shell",
                                    "Read commands from standard input, one per line, on the same focusers");
@@ -84,7 +127,7 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
         std::cout << app.help("", CLI::AppFormatMode::All);
         return 0;
     } catch (const CLI::ParseError &e) {
-        printError(e.what());
+        printError(std::string(e.what()) + (bluetoothChosen() ? " (with --ble a command takes no ID)" : ""));
         std::cerr << app.help();
         return kUsageExit;
     }
@@ -94,25 +137,31 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
             std::printf("zorctl %s, library %s\n", ZORCTL_VERSION, ZORGetSDKVersion());
             return 0;
         }
-        if (app.get_subcommands().empty()) {
+        const Command *chosen = parsedCommand(commands);
+        if (!chosen && !(shell && shell->parsed())) {
             printError("a command is needed");
             std::cerr << app.help();
             return kUsageExit;
         }
-        if (simulate && simulate->count() > 0)
-            enterSimulation(simulation, argv);
-        if (shell && shell->parsed())
-            return runShell(argv);
-        for (const Command &c : commands) {
-            if (!c.app->parsed())
-                continue;
-            try {
-                return c.run();
-            } catch (const UsageError &e) {
-                printError(e.what());
-                std::cerr << c.app->help("zorctl");
-                return kUsageExit;
-            }
+        const bool viaBle = ble && ble->count() > 0;
+        try {
+            if (chosen)
+                checkFocuserChoice(*chosen, bluetoothChosen());
+            if (simulate && simulate->count() > 0)
+                if (const std::optional<int> status = enterSimulation(simulation, argv))
+                    return *status;
+            std::optional<BleLink> link;
+            if (viaBle)
+                link.emplace(bleName, bleScanMs);
+            if (!chosen)
+                return runShell(argv);
+            if (chosen->id && BleLink::current())
+                *chosen->id = BleLink::current()->id();
+            return chosen->run();
+        } catch (const UsageError &e) {
+            printError(e.what());
+            std::cerr << (chosen ? chosen->app->help("zorctl") : app.help());
+            return kUsageExit;
         }
     } catch (const Failure &e) {
         printError(e.what());
@@ -121,7 +170,6 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
         printError(e.what());
         return kFailedExit;
     }
-    return 0; // not reached: every subcommand has a runner
 }
 
 // Words separated by blanks; double quotes keep blanks inside one word.
@@ -201,8 +249,10 @@ int main(int argc, char **argv)
     // Line by line even into a pipe, so output and errors keep their order.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     try {
-        return zorctl::runCommandLine(std::vector<std::string>(argv + 1, argv + argc), zorctl::Level::Program,
-                                      argv);
+        const int status = zorctl::runCommandLine(std::vector<std::string>(argv + 1, argv + argc),
+                                                  zorctl::Level::Program, argv);
+        zorctl::letBluetoothSettle();
+        return status;
     } catch (const std::exception &e) {
         zorctl::printError(std::string("unexpected error: ") + e.what());
         return zorctl::kFailedExit;

@@ -1,5 +1,6 @@
 #include "motion.h"
 
+#include "ble.h"
 #include "device.h"
 
 #include <cstdio>
@@ -8,9 +9,15 @@ namespace zorctl {
 
 MotionSample sampleMotion(int id)
 {
+    throwIfLinkLost(id);
     MotionSample s;
-    check(ZORIsMoving(id, &s.moving, &s.hand), "reading the motion state");
-    s.position = readPosition(id);
+    try {
+        check(ZORIsMoving(id, &s.moving, &s.hand), "reading the motion state");
+        s.position = readPosition(id);
+    } catch (const Failure &) {
+        throwIfLinkLost(id); // the cause, rather than the call that timed out
+        throw;
+    }
     return s;
 }
 

@@ -3,15 +3,19 @@
 #include "errors.h"
 #include "zorctl_paths.h"
 
+#include "sim/bluez/ble_sim_config.h"
 #include "sim/sim_control.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <vector>
 
 #if defined(__linux__)
+#include "simulated_bluetooth.h"
+
 #include <dlfcn.h>
 #include <link.h>
 #include <unistd.h>
@@ -106,30 +110,47 @@ void checkLoaded(const std::string &library)
 
 } // namespace
 
+SimulatedDevices splitDescription(const std::string &description)
+{
+    SimulatedDevices devices;
+    std::istringstream entries(description);
+    std::string entry;
+    while (std::getline(entries, entry, ',')) {
+        const std::size_t start = entry.find_first_not_of(" \t");
+        const bool ble = start != std::string::npos && entry.compare(start, 4, kBluetoothPrefix) == 0;
+        std::string &list = ble ? devices.bluetooth : devices.usb;
+        list += (list.empty() ? "" : ",") + (ble ? entry.substr(start + 4) : entry);
+    }
+    return devices;
+}
+
 std::string descriptionProblem(const std::string &description)
 {
     try {
-        zorsim::parseDescription(description);
+        const SimulatedDevices devices = splitDescription(description);
+        zorsim::parseDescription(devices.usb);
+        if (!devices.bluetooth.empty())
+            zorsim::parseBleDescription(devices.bluetooth);
         return std::string();
     } catch (const std::invalid_argument &e) {
         return e.what();
     }
 }
 
-std::string findSimLibrary()
+std::string findSimFile(const char *what, const char *variable, const char *name, const char *buildPath)
 {
 #if defined(__linux__)
     std::vector<std::string> candidates;
-    const std::string chosen = env("ZORCTL_SIM_LIBRARY");
+    const std::string chosen = env(variable);
     if (!chosen.empty()) {
         candidates.push_back(chosen);
     } else {
         const std::string dir = executableDir();
         if (!dir.empty()) {
-            candidates.push_back(dir + "/" ZORCTL_SIM_DIR_FROM_INSTALLED_BIN "/" ZORCTL_SIM_LIBRARY_NAME);
-            candidates.push_back(dir + "/" ZORCTL_SIM_DIR_FROM_BUILD_DIR "/" ZORCTL_SIM_LIBRARY_NAME);
+            candidates.push_back(dir + "/" ZORCTL_SIM_DIR_FROM_INSTALLED_BIN "/" + name);
+            candidates.push_back(dir + "/" ZORCTL_SIM_DIR_FROM_BUILD_DIR "/" + name);
         }
-        candidates.push_back(ZORCTL_SIM_BUILD_PATH);
+        candidates.push_back(buildPath);
     }
     std::string searched;
     for (const std::string &c : candidates) {
@@ -138,36 +159,53 @@ std::string findSimLibrary()
             return fs::canonical(c, ec).string();
         searched += "\n  " + c;
     }
-    throw UserError("cannot find the virtual focuser library " ZORCTL_SIM_LIBRARY_NAME "; searched:" +
-                    searched + "\nSet ZORCTL_SIM_LIBRARY to its path.");
+    throw UserError(std::string("cannot find ") + what + " " + name + "; searched:" + searched +
+                    "\nSet " + variable + " to its path.");
 #else
+    (void)what;
+    (void)variable;
+    (void)name;
+    (void)buildPath;
     throw UserError("--simulate works on Linux only");
 #endif
 }
 
-void enterSimulation(const std::string &description, char **argv)
+std::optional<int> enterSimulation(const std::string &description, char **argv)
 {
 #if defined(__linux__)
     const std::string started = env(kMarker);
     if (!started.empty()) {
         checkLoaded(started);
-        return;
+        return std::nullopt;
     }
-    const std::string library = findSimLibrary();
-    std::string devices = description;
-    if (devices.empty())
-        devices = env("ZOR_SIM");
-    if (devices.empty())
-        devices = kDefaultSimulation;
+    const std::string library =
+        findSimFile("the virtual focuser library", "ZORCTL_SIM_LIBRARY", ZORCTL_SIM_LIBRARY_NAME, ZORCTL_SIM_LIBRARY_BUILD_PATH);
+    std::string wanted = description;
+    if (wanted.empty())
+        wanted = env("ZOR_SIM");
+    if (wanted.empty())
+        wanted = kDefaultSimulation;
     // Checked here, so that a mistake is reported once, by zorctl, rather
     // than by the virtual focusers of the restarted program.
-    if (const std::string problem = descriptionProblem(devices); !problem.empty())
+    if (const std::string problem = descriptionProblem(wanted); !problem.empty())
         throw UserError("ZOR_SIM does not describe virtual focusers: " + problem);
+    const SimulatedDevices devices = splitDescription(wanted);
     const std::string home = simulatedHome();
-    setenv("ZOR_SIM", devices.c_str(), 1);
+    // The private bus must outlive the restarted program and go with it, so
+    // this process stays to stop it. Its programs start before the
+    // environment below, which is the restarted zorctl's alone.
+    std::optional<SimulatedBluetooth> bluetooth;
+    if (!devices.bluetooth.empty()) {
+        bluetooth.emplace(findSimFile("the virtual Bluetooth focusers' program", "ZORCTL_BLUEZ_SIM", ZORCTL_BLUEZ_SIM_NAME, ZORCTL_BLUEZ_SIM_BUILD_PATH),
+                          devices.bluetooth);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", bluetooth->address().c_str(), 1);
+    }
+    setenv("ZOR_SIM", devices.usb.c_str(), 1);
     setenv("LD_PRELOAD", preloadList(library).c_str(), 1);
     setenv("HOME", home.c_str(), 1);
     setenv(kMarker, library.c_str(), 1);
+    if (bluetooth)
+        return runChild(argv);
     execv("/proc/self/exe", argv);
     throw UserError(std::string("cannot start zorctl again with virtual focusers: ") + std::strerror(errno));
 #else
