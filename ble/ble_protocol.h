@@ -14,8 +14,14 @@ constexpr uint8_t FRAME_REQUEST = 0x00;
 constexpr uint8_t FRAME_RESPONSE = 0x01;
 constexpr uint8_t FRAME_NOTIFICATION = 0x02;
 
-// Response status of a device that treats the link as a new connection.
+// Response status: the request was carried out, or the device treats the
+// link as a new connection.
+constexpr uint8_t STATUS_OK = 0x00;
 constexpr uint8_t STATUS_NEW_CONNECTION = 0x9B;
+
+// Status of a pairing notification.
+constexpr uint8_t PAIR_ACCEPTED = 0x00;
+constexpr uint8_t PAIR_REFUSED = 0x01;
 
 enum CommandType : uint8_t {
     CMD_PAIR = 0,

@@ -16,10 +16,6 @@ constexpr char kLogModule[] = "ZOR";
 constexpr uint32_t kSendReserved1 = 3;
 constexpr uint32_t kSendReserved2 = 0;
 
-constexpr uint8_t kNotifyPairAccepted = 0x00;
-constexpr uint8_t kNotifyPairRefused = 0x01;
-constexpr uint8_t kResponseOk = 0x00;
-
 // Failed waits tolerated once the device has reported a new connection.
 constexpr int kNewConnectionWaits = 12;
 
@@ -86,12 +82,12 @@ Next onNotification(std::vector<unsigned char> &rx, ZORPairStateCallback callbac
     }
     // rx has lost its checksum byte: a 4-byte notification throws here.
     const uint8_t status = rx.at(3);
-    if (status == kNotifyPairRefused) {
+    if (status == BLEProtocol::PAIR_REFUSED) {
         notifyPairState(callback, ZOR_ERROR_BLE_PAIR_REJECTED);
         result = ZOR_ERROR_BLE_PAIR_REJECTED;
         return Next::Return;
     }
-    if (status == kNotifyPairAccepted) {
+    if (status == BLEProtocol::PAIR_ACCEPTED) {
         // Ends the exchange although the request itself is unanswered.
         notifyPairState(callback, ZOR_SUCCESS);
         result = ZOR_SUCCESS;
@@ -153,7 +149,7 @@ int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> 
                     static_cast<int>(commandId), static_cast<int>(rx.at(2)));
             continue;
         }
-        if (rx.at(0) == BLEProtocol::FRAME_RESPONSE && rx.at(3) == kResponseOk) {
+        if (rx.at(0) == BLEProtocol::FRAME_RESPONSE && rx.at(3) == BLEProtocol::STATUS_OK) {
             const int32_t ret = BLEProtocol::decodeResponse(rx);
             ZOR_LOG("decodeResponse ret:%d", ret);
             if (ret < 0)

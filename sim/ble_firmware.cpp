@@ -14,9 +14,6 @@ constexpr std::size_t kCommandBytes = 15;   // a USB request report without its 
 constexpr uint8_t kMark0 = 0x7E;
 constexpr uint8_t kMark1 = 0x5A;
 
-constexpr uint8_t kNotifyPairAccepted = 0x00;
-constexpr uint8_t kNotifyPairRefused = 0x01;
-constexpr uint8_t kResponseOk = 0x00;
 constexpr uint8_t kUpdateAccepted = 0;
 constexpr uint8_t kUpdateRefused = 1;
 
@@ -182,7 +179,7 @@ BleReaction BleFirmware::pair(uint8_t sequence, const std::string &host)
     const bool refused = fault_ == BleFault::RefusePairing || (!pairedHost_.empty() && pairedHost_ != host);
     if (!refused)
         pairedHost_ = host;
-    r.frames.push_back(notification(refused ? kNotifyPairRefused : kNotifyPairAccepted));
+    r.frames.push_back(notification(refused ? BLEProtocol::PAIR_REFUSED : BLEProtocol::PAIR_ACCEPTED));
     return r;
 }
 
@@ -190,11 +187,11 @@ BleReaction BleFirmware::clearPair(uint8_t sequence, const std::string &host)
 {
     BleReaction r;
     if (!pairedHost_.empty() && pairedHost_ != host) {
-        r.frames.push_back(notification(kNotifyPairRefused));
+        r.frames.push_back(notification(BLEProtocol::PAIR_REFUSED));
         return r;
     }
     pairedHost_.clear();
-    r.frames.push_back(response(sequence, kResponseOk));
+    r.frames.push_back(response(sequence, BLEProtocol::STATUS_OK));
     return r;
 }
 
@@ -209,7 +206,7 @@ BleReaction BleFirmware::deviceCommand(uint8_t sequence, const Bytes &command, N
         content = fromEcho(*out.reply);
     else
         content[0] = command[2]; // an acknowledgement echoes the group
-    r.frames.push_back(response(sequence, kResponseOk, content));
+    r.frames.push_back(response(sequence, BLEProtocol::STATUS_OK, content));
     if (out.restart) {
         model_.reboot(now);
         r.dropLink = true;
@@ -224,7 +221,7 @@ BleReaction BleFirmware::extended(uint8_t sequence, const Bytes &payload, Nanos 
         return updateChunk(sequence, payload, now);
     if (payload.size() >= 3 && payload[0] == kMark0 && payload[1] == kMark1) {
         if (payload[2] == BLEProtocol::EXT_GET_ALL_INFO)
-            return BleReaction{{response(sequence, kResponseOk, allStatus(now))}, false};
+            return BleReaction{{response(sequence, BLEProtocol::STATUS_OK, allStatus(now))}, false};
         if (payload[2] == BLEProtocol::EXT_START_UPDATE)
             return startUpdate(sequence, payload, now);
     }
@@ -270,7 +267,7 @@ BleReaction BleFirmware::startUpdate(uint8_t sequence, const Bytes &payload, Nan
             : std::nullopt;
     const bool accepted = ack && (*ack)[3] == kUpdateAccepted;
     updateRemaining_ = accepted ? size : 0;
-    return BleReaction{{response(sequence, kResponseOk, {BLEProtocol::EXT_START_UPDATE,
+    return BleReaction{{response(sequence, BLEProtocol::STATUS_OK, {BLEProtocol::EXT_START_UPDATE,
                                                          accepted ? kUpdateAccepted : kUpdateRefused})},
                        false};
 }
@@ -288,7 +285,7 @@ BleReaction BleFirmware::updateChunk(uint8_t sequence, const Bytes &chunk, Nanos
         model_.handleCommand(piece.data(), piece.size(), now);
     }
     updateRemaining_ -= take;
-    BleReaction r{{response(sequence, kResponseOk,
+    BleReaction r{{response(sequence, BLEProtocol::STATUS_OK,
                             {static_cast<uint8_t>(take >> 8), static_cast<uint8_t>(take & 0xFF)})},
                   false};
     if (take > 0 && updateRemaining_ == 0) {
