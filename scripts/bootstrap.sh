@@ -10,6 +10,7 @@ debian_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev
   libgnustep-base-dev
+  libindi-dev indi-bin
 )
 brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark)
 
