@@ -42,7 +42,7 @@ if(NOT APPLE)
   set(ZOR_UDEV_RULES_DIR "/etc/udev/rules.d" CACHE PATH
       "Where cmake --install puts the udev rule: installed when writable (as root, or below DESTDIR), else skipped with a note; empty to never install it")
   if(ZOR_UDEV_RULES_DIR)
-    install(CODE "set(ZOR_UDEV_RULE \"${zor_rule}\")\nset(ZOR_UDEV_RULES_DIR \"${ZOR_UDEV_RULES_DIR}\")")
-    install(SCRIPT cmake/ZorInstallUdevRule.cmake)
+    zor_install_system_file(${zor_rule} "${ZOR_UDEV_RULES_DIR}"
+      "To let non-root users open the focuser" " && udevadm control --reload")
   endif()
 endif()

@@ -19,8 +19,8 @@ if [ "$(uname -s)" = Linux ]; then
   grep -q 'idProduct}=="1f10", TAG+="uaccess", GROUP="plugdev", MODE="0660"' "$work/root/etc/udev/rules.d/$rules"
   # Where the rules directory cannot be written (a user's own install), the rule
   # is skipped with a note and the install goes on.
-  note=$(cmake -DZOR_UDEV_RULE="$work/root/etc/udev/rules.d/$rules" -DZOR_UDEV_RULES_DIR=/proc/zor-rules.d \
-               -P "$source_dir/../../cmake/ZorInstallUdevRule.cmake")
+  note=$(cmake -DZOR_SYSTEM_FILE="$work/root/etc/udev/rules.d/$rules" -DZOR_SYSTEM_DIR=/proc/zor-rules.d \
+               -P "$source_dir/../../cmake/ZorInstallSystemFile.cmake")
   echo "$note" | grep -q "Not installed (/proc/zor-rules.d is not writable): $rules"
 fi
 
