@@ -1,0 +1,221 @@
+#!/usr/bin/env bash
+# The INDI driver as an imaging suite meets it: the real indiserver and INDI's
+# own client tools (indi_setprop, indi_getprop, indi_eval) against
+# indi_zor_focuser, with virtual focusers preloaded into the driver by a
+# wrapper named as the driver and steered through their control socket.
+#
+#   indi_end_to_end.sh CASE DRIVER PRELOAD ZORCTL BLUEZ_SIM BUS_SCRIPT
+#
+# CASE is usb (two focusers, every control, temperature compensation, the
+# saved configuration, hand controller, unplug and return), chained (a
+# second server relays the first) or bluetooth (a virtual Bluetooth focuser
+# on a private bus).
+set -euo pipefail
+case_name=$1 driver=$2 preload=$3 zorctl=$4 bluez_sim=$5 bus_script=$6
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/zor-indi.XXXXXX")
+pids=()
+cleanup() {
+  local status=$?
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  if [ $status -ne 0 ]; then
+    for log in "$work"/*.log; do echo "--- $log"; tail -n 40 "$log"; done
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+mkdir -p "$work/bin" "$work/home"
+export HOME=$work/home
+export ZOR_SIM_CONTROL=$work/sim.sock
+# The wrapper carries what the server does not pass on: the virtual focusers
+# and, in a sanitizer build, its runtime (first in the preload list). Leaks
+# are checked by the library's own suites; libindi's at exit are not ours.
+cat >"$work/bin/indi_zor_focuser" <<WRAPPER
+#!/bin/sh
+export LD_PRELOAD="$preload"
+export ASAN_OPTIONS="\${ASAN_OPTIONS:+\$ASAN_OPTIONS:}detect_leaks=0"
+exec "$driver" "\$@"
+WRAPPER
+chmod +x "$work/bin/indi_zor_focuser"
+export PATH=$work/bin:$PATH
+
+# start_server NAME DRIVER...: an indiserver on a free port and a socket of
+# its own, which ends (-r 0) rather than restart a driver that crashed.
+# Sets the variable port_NAME.
+start_server() {
+  local name=$1; shift
+  indiserver -v -p 0 -u "$work/$name.sock" -r 0 "$@" >"$work/$name.log" 2>&1 &
+  local pid=$!
+  pids+=("$pid")
+  local port=""
+  for _ in $(seq 100); do
+    port=$(ss -Htlnp 2>/dev/null | sed -n "s/.*:\([0-9]*\) .*pid=$pid,.*/\1/p" | head -n1)
+    [ -n "$port" ] && break
+    sleep 0.1
+  done
+  [ -n "$port" ] || fail "indiserver $name did not listen"
+  printf -v "port_$name" '%s' "$port"
+}
+
+port=""
+setp() { indi_setprop -p "$port" "$@"; }
+getp() { timeout 10 indi_getprop -p "$port" -t 2 -1 "$1"; }
+# indi_eval restarts its time-out on every message, so the wait has a hard
+# limit of its own.
+await() {
+  timeout "${2:-30}" indi_eval -p "$port" -t 20 -w "$1" >/dev/null || fail "waiting for $1 (now: $(getp "${1%%==*}" 2>&1 | tr -d '"'))"
+}
+sim() { "$zorctl" sim --socket "$ZOR_SIM_CONTROL" "$@"; }
+# The value of one field of the virtual focuser's state.
+sim_field() { sim state "$1" | tr ' ' '\n' | sed -n "s/^$2=//p"; }
+expect_eq() { [ "$1" = "$2" ] || fail "$3: expected $2, got $1"; }
+await_sim() { # DEVICE FIELD VALUE
+  for _ in $(seq 100); do [ "$(sim_field "$1" "$2")" = "$3" ] && return; sleep 0.1; done
+  fail "virtual focuser $1: $2 is $(sim_field "$1" "$2"), expected $3"
+}
+
+OK=1 BUSY=2 ALERT=3
+F1="ZOR Focuser" F2="ZOR Focuser 2"
+
+connect() {
+  setp "$1.CONNECTION.CONNECT=On"
+  await "\"$1.CONNECTION.CONNECT\"==1"
+  await "\"$1.ABS_FOCUS_POSITION._STATE\"==$OK"
+}
+move_to() { # DEVICE STEP
+  setp "$1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=$2"
+  await "\"$1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==$2 && \"$1.ABS_FOCUS_POSITION._STATE\"==$OK"
+}
+
+check_server_log() {
+  if grep -E "Sanitizer|runtime error|Segmentation|Aborted|terminate called|died|restart" "$work"/*.log; then
+    fail "the server log shows a driver failure"
+  fi
+}
+
+usb_case() {
+  export ZOR_SIM="2*pro/speed=4000/temp=20"
+  start_server main indi_zor_focuser
+  port=$port_main
+  await "\"$F2.CONNECTION.CONNECT\"==0"
+  connect "$F1"
+  connect "$F2"
+  [ "$(getp "$F1.ZOR_IDENTITY.SERIAL")" != "$(getp "$F2.ZOR_IDENTITY.SERIAL")" ] || fail "both devices drive one focuser"
+  expect_eq "$(getp "$F1.ZOR_IDENTITY.LINK")" USB "link"
+  expect_eq "$(getp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE")" "$(sim_field 0 max)" "maximum at connect"
+
+  # Absolute and relative moves, each ending Ok where the focuser is.
+  move_to "$F1" 31000
+  expect_eq "$(sim_field 0 position)" 31000 "position after the absolute move"
+  setp "$F1.FOCUS_MOTION.FOCUS_INWARD=On"
+  setp "$F1.REL_FOCUS_POSITION.FOCUS_RELATIVE_POSITION=500"
+  await "\"$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==30500 && \"$F1.REL_FOCUS_POSITION._STATE\"==$OK"
+
+  # Abort stops a long move part of the way.
+  setp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=60000"
+  await "\"$F1.ABS_FOCUS_POSITION._STATE\"==$BUSY"
+  setp "$F1.FOCUS_ABORT_MOTION.ABORT=On"
+  await "\"$F1.ABS_FOCUS_POSITION._STATE\"!=$BUSY"
+  await_sim 0 moving 0
+  stopped=$(sim_field 0 position)
+  (( stopped > 30500 && stopped < 60000 )) || fail "abort: stopped at $stopped"
+
+  # Sync, reverse, backlash (switched on, then its steps), maximum.
+  setp "$F1.FOCUS_SYNC.FOCUS_SYNC_VALUE=12345"
+  await_sim 0 position 12345
+  await "\"$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==12345"
+  setp "$F1.FOCUS_REVERSE_MOTION.INDI_ENABLED=On"
+  await_sim 0 reverse 1
+  setp "$F1.FOCUS_BACKLASH_TOGGLE.INDI_ENABLED=On"
+  setp "$F1.FOCUS_BACKLASH_STEPS.FOCUS_BACKLASH_VALUE=40"
+  await_sim 0 backlash 40
+  setp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE=50000"
+  await_sim 0 max 50000
+
+  # At connect the focuser's settings win over the saved configuration; a
+  # configuration loaded later is applied to the focuser.
+  setp "$F1.CONFIG_PROCESS.CONFIG_SAVE=On"
+  await "\"$F1.CONFIG_PROCESS._STATE\"==$OK"
+  setp "$F1.FOCUS_BACKLASH_STEPS.FOCUS_BACKLASH_VALUE=10"
+  await_sim 0 backlash 10
+  setp "$F1.CONNECTION.DISCONNECT=On"
+  await "\"$F1.CONNECTION.DISCONNECT\"==1"
+  connect "$F1"
+  sleep 1
+  expect_eq "$(sim_field 0 backlash)" 10 "backlash after connecting with a saved configuration"
+  expect_eq "$(getp "$F1.FOCUS_BACKLASH_STEPS.FOCUS_BACKLASH_VALUE")" 10 "backlash shown after connecting"
+  setp "$F1.CONFIG_PROCESS.CONFIG_LOAD=On"
+  await_sim 0 backlash 40
+
+  # The temperature of the probe, read back.
+  sim temperature 0 12.5
+  await "\"$F1.FOCUS_TEMPERATURE.TEMPERATURE\">12.4 && \"$F1.FOCUS_TEMPERATURE.TEMPERATURE\"<12.6"
+
+  # Temperature compensation on the second focuser: -3 °C at 10 steps per
+  # degree (threshold 1 °C) moves it 30 steps in.
+  move_to "$F2" 40000
+  setp "$F2.TEMP_COMPENSATION_SETTINGS.STEPS_PER_DEGREE;THRESHOLD=10;1"
+  setp "$F2.TEMP_COMPENSATION.ENABLE=On"
+  sleep 1.5 # a reading at rest sets where compensation starts
+  sim temperature 1 19.5
+  sleep 1.5
+  expect_eq "$(sim_field 1 position)" 40000 "compensation below the threshold"
+  sim temperature 1 17
+  await_sim 1 position 39970
+  await "\"$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==39970 && \"$F2.ABS_FOCUS_POSITION._STATE\"==$OK"
+
+  # A move from the hand controller shows Busy.
+  sim hand 0 out
+  await "\"$F1.ABS_FOCUS_POSITION._STATE\"==$BUSY"
+  sim hand 0 release
+  await "\"$F1.ABS_FOCUS_POSITION._STATE\"==$OK"
+
+  # Unplugged: Alert; back on the bus: reconnected without a restart.
+  sim unplug 1
+  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$ALERT"
+  sim plug 1
+  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$OK"
+  move_to "$F2" 40100
+  expect_eq "$(getp "$F2.CONNECTION.CONNECT")" On "connection after the return"
+  check_server_log
+}
+
+chained_case() {
+  export ZOR_SIM="pro/speed=4000"
+  start_server main indi_zor_focuser
+  start_server relay "$F1@localhost:$port_main"
+  port=$port_relay
+  connect "$F1"
+  move_to "$F1" 30300
+  port=$port_main
+  expect_eq "$(getp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 30300 "position on the first server"
+  check_server_log
+}
+
+bluetooth_case() {
+  unset ZOR_SIM
+  ZOR_BLUEZ_SIM=$bluez_sim ZOR_BLE_SIM="pro@382/name=Garage/battery=77" "$bus_script" >"$work/bus.log" 2>&1 &
+  pids+=("$!")
+  for _ in $(seq 100); do grep -q '^DBUS_SYSTEM_BUS_ADDRESS=' "$work/bus.log" && break; sleep 0.1; done
+  export DBUS_SYSTEM_BUS_ADDRESS=$(sed -n 's/^DBUS_SYSTEM_BUS_ADDRESS=//p' "$work/bus.log")
+  [ -n "$DBUS_SYSTEM_BUS_ADDRESS" ] || fail "no private bus"
+  start_server main indi_zor_focuser
+  port=$port_main
+  await "\"$F1.ZOR_SCAN._STATE\"==0"
+  setp "$F1.ZOR_SCAN.BLUETOOTH=On"
+  await "\"$F1.ZOR_SCAN._STATE\"==$OK"
+  setp "$F1.ZOR_FOCUSERS.ble:Garage=On"
+  await "\"$F1.ZOR_FOCUSER._STATE\"==$OK"
+  connect "$F1"
+  expect_eq "$(getp "$F1.ZOR_IDENTITY.LINK")" Bluetooth "link"
+  expect_eq "$(getp "$F1.ZOR_BATTERY.LEVEL")" 77 "battery level"
+  move_to "$F1" 30250
+  check_server_log
+}
+
+"${case_name}_case"
+echo "INDI $case_name: passed"
