@@ -8,6 +8,7 @@
 //          | "hand" | "noprobe" | "newfw=" firmware | "restart=" milliseconds
 //
 // For example "pro@382,n@370,old@321:16" or "2*pro/pos=1000/temp=-5.5".
+#include "sim/description_values.h"
 #include "sim/sim_control.h"
 
 #include <cctype>
@@ -53,17 +54,13 @@ std::vector<std::string> split(const std::string &s, char sep)
     }
 }
 
-// Plain decimal digits, with a minus sign at most.
 long number(const std::string &entry, const std::string &text, long lo, long hi, const char *what)
 {
-    const bool digits =
-        !text.empty() && text.find_first_not_of("0123456789", text[0] == '-' ? 1 : 0) == std::string::npos;
-    errno = 0;
-    const long v = digits ? std::strtol(text.c_str(), nullptr, 10) : 0;
-    if (!digits || errno != 0 || v < lo || v > hi)
+    const std::optional<long> v = parseDecimal(text);
+    if (!v || *v < lo || *v > hi)
         fail(entry, std::string(what) + " must be a whole number from " + std::to_string(lo) + " to " +
                         std::to_string(hi));
-    return v;
+    return *v;
 }
 
 void applyOption(DeviceConfig &c, const std::string &entry, const std::string &option)
@@ -87,12 +84,10 @@ void applyOption(DeviceConfig &c, const std::string &entry, const std::string &o
     } else if (key == "restart" && hasValue) {
         c.restartTime = std::chrono::milliseconds(number(entry, value, 0, 600000, "restart"));
     } else if (key == "temp" && hasValue) {
-        char *end = nullptr;
-        const double celsius = std::strtod(value.c_str(), &end);
-        // Written so that nan fails too; inf is out of range.
-        if (value.empty() || *end != '\0' || !(celsius >= -100 && celsius <= 250))
+        const std::optional<double> celsius = parseProbeCelsius(value);
+        if (!celsius)
             fail(entry, "temp must be a number of degrees Celsius from -100 to 250");
-        c.temperature = celsius;
+        c.temperature = *celsius;
     } else if (key == "alias" && hasValue) {
         if (value.size() > 8)
             fail(entry, "alias holds at most 8 characters");
@@ -112,6 +107,28 @@ void applyOption(DeviceConfig &c, const std::string &entry, const std::string &o
 }
 
 } // namespace
+
+std::optional<long> parseDecimal(const std::string &text)
+{
+    const std::size_t digitsAt = !text.empty() && text[0] == '-' ? 1 : 0;
+    if (text.size() == digitsAt || text.find_first_not_of("0123456789", digitsAt) != std::string::npos)
+        return std::nullopt;
+    errno = 0;
+    const long v = std::strtol(text.c_str(), nullptr, 10);
+    if (errno != 0)
+        return std::nullopt;
+    return v;
+}
+
+std::optional<double> parseProbeCelsius(const std::string &text)
+{
+    char *end = nullptr;
+    const double celsius = std::strtod(text.c_str(), &end);
+    // Written so that nan fails too; inf is out of range.
+    if (text.empty() || *end != '\0' || !(celsius >= -100 && celsius <= 250))
+        return std::nullopt;
+    return celsius;
+}
 
 std::vector<DeviceConfig> parseDescription(const std::string &description)
 {

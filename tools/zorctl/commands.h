@@ -28,6 +28,7 @@ void addWatch(CLI::App &app, Commands &commands);
 void addSettings(CLI::App &app, Commands &commands); // get, set
 void addUpdate(CLI::App &app, Commands &commands);
 void addBle(CLI::App &app, Commands &commands); // ble scan, pair, clear-pair
+void addSim(CLI::App &app, Commands &commands); // sim: a command to another process's virtual focusers
 
 // Shared argument helpers. Numbers on the command line are plain decimal
 // integers: an optional minus sign and digits, nothing else.

@@ -35,6 +35,9 @@ class UsageError : public std::runtime_error {
 // Throws Failure unless `code` is ZOR_SUCCESS.
 void check(ZOR_ERROR_CODE code, const std::string &doing);
 
+// Prints "zorctl: message" on standard error, after what stdout holds.
+void printError(const std::string &message);
+
 // Exit statuses.
 constexpr int kFailedExit = 1;
 constexpr int kUsageExit = 2;

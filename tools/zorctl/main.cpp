@@ -44,12 +44,6 @@ void checkFocuserChoice(const Command &c, bool bluetooth)
         throw UsageError("the focuser's ID is needed (or --ble NAME for a Bluetooth focuser)");
 }
 
-void printError(const std::string &message)
-{
-    std::fflush(stdout);
-    std::fprintf(stderr, "zorctl: %s\n", message.c_str());
-}
-
 // Runs one command line (without the program name).
 int runCommandLine(std::vector<std::string> args, Level level, char **argv)
 {
@@ -113,6 +107,7 @@ int runCommandLine(std::vector<std::string> args, Level level, char **argv)
     addSettings(app, commands);
     addUpdate(app, commands);
     addBle(app, commands);
+    addSim(app, commands);
     if (level == Level::Program)
         shell = app.add_subcommand("shell",
                                    "Read commands from standard input, one per line, on the same focusers");
@@ -241,6 +236,12 @@ int runShell(char **argv)
 }
 
 } // namespace
+
+void printError(const std::string &message)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "zorctl: %s\n", message.c_str());
+}
 
 } // namespace zorctl
 
