@@ -47,8 +47,8 @@ TEST(ZorctlSim, ControlsTheVirtualFocusersOfAnotherProcess)
         {{"hand", "0", "out"}, 0, "^$"},
         {{"state", "0"},
          0,
-         "^position=[0-9]+ target=[0-9]+ moving=0 hand=1 temperature=12.5 plugged=1 backlash=0 "
-         "reverse=0 max=600000\n$"},
+         "^position=[0-9]+ target=[0-9]+ moving=0 hand=1 temperature=12.5 plugged=1 backlash=[0-9]+ "
+         "reverse=[01] max=[0-9]+\n$"},
         {{"hand", "0", "release"}, 0, "^$"},
         {{"unplug", "1"}, 0, "^$"},
         {{"state", "1"}, 0, "plugged=0"},
