@@ -13,19 +13,19 @@
 #include "sim/sim_control.h"
 
 #include <cerrno>
-#include <cctype>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
 #include <stdexcept>
-#include <system_error>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -43,7 +43,8 @@ int wholeNumber(const std::string &text, const char *what, long lo = INT_MIN)
 {
     const std::optional<long> v = parseDecimal(text);
     if (!v || *v < lo || *v > INT_MAX)
-        refuse(std::string(what) + " must be a whole number" + (lo == 0 ? " from 0" : "") + ", not " + text);
+        refuse(std::string(what) + " must be a whole number" + (lo == 0 ? ", 0 or more" : "") + ", not " +
+               text);
     return static_cast<int>(*v);
 }
 
@@ -54,8 +55,8 @@ std::string describeState(int n)
     const DeviceState s = state(n);
     char text[200];
     std::snprintf(text, sizeof text,
-                  "position=%d target=%d moving=%d hand=%d temperature=%.1f plugged=%d backlash=%d reverse=%d "
-                  "max=%d",
+                  "position=%d target=%d moving=%d hand=%d temperature=%.1f "
+                  "plugged=%d backlash=%d reverse=%d max=%d",
                   s.position, s.target, s.moving ? 1 : 0, s.handButton, s.temperature, isPlugged(n) ? 1 : 0,
                   s.backlash, s.reverse ? 1 : 0, s.maxStep);
     return text;
@@ -268,7 +269,8 @@ void removeSocket()
 bool answered(const sockaddr_un &address)
 {
     const int probe = socket(AF_UNIX, SOCK_STREAM, 0);
-    const bool live = probe >= 0 && connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const bool live =
+        probe >= 0 && connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
     if (probe >= 0)
         close(probe);
     return live;
@@ -312,6 +314,24 @@ int listenAt(const std::string &path, std::string &why)
     return fd;
 }
 
+// Starts the thread that serves `listener`. It takes no signals: they stay
+// with the program's own threads, whichever it blocks them in to wait for them.
+bool serveInBackground(int listener, std::string &why)
+{
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    bool started = true;
+    try {
+        std::thread(serve, listener).detach();
+    } catch (const std::system_error &e) {
+        why = e.what();
+        started = false;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
 __attribute__((constructor)) void startControlSocket()
 {
     const char *path = std::getenv("ZOR_SIM_CONTROL");
@@ -319,19 +339,15 @@ __attribute__((constructor)) void startControlSocket()
         return;
     std::string why;
     const int fd = listenAt(path, why);
-    if (fd < 0) {
-        std::fprintf(stderr, "zor_hidsim: ZOR_SIM_CONTROL: %s: %s\n", path, why.c_str());
+    if (fd >= 0 && serveInBackground(fd, why)) {
+        std::atexit(removeSocket);
         return;
     }
-    try {
-        std::thread(serve, fd).detach();
-    } catch (const std::system_error &e) {
-        std::fprintf(stderr, "zor_hidsim: ZOR_SIM_CONTROL: %s: %s\n", path, e.what());
+    if (fd >= 0) {
         close(fd);
         unlink(path);
-        return;
     }
-    std::atexit(removeSocket);
+    std::fprintf(stderr, "zor_hidsim: ZOR_SIM_CONTROL: %s: %s\n", path, why.c_str());
 }
 
 } // namespace
