@@ -154,7 +154,8 @@ bool ZorFocuser::updateProperties()
 bool ZorFocuser::ISNewText(const char *dev, const char *name, char *texts[], char *names[], int n)
 {
     if (dev && !strcmp(dev, getDeviceName()) && m_chosenTP.isNameMatch(name)) {
-        if (isConnected()) {
+        const bool unchanged = n == 1 && texts[0] && choice() == texts[0];
+        if (isConnected() && !unchanged) {
             m_chosenTP.setState(IPS_ALERT);
             m_chosenTP.apply("Disconnect before choosing another focuser.");
             return true;
