@@ -30,13 +30,15 @@ fail() { echo "FAIL: $*" >&2; exit 1; }
 
 mkdir -p "$work/bin" "$work/home"
 export HOME=$work/home
-export ZOR_SIM_CONTROL=$work/sim.sock
+# Where drivers leave the lock of each focuser they drive: this test's own.
+export XDG_RUNTIME_DIR=$work
+control=$work/sim.sock
 # The wrapper carries what the server does not pass on: the virtual focusers
 # and, in a sanitizer build, its runtime (first in the preload list). Leaks
 # are checked by the library's own suites; libindi's at exit are not ours.
 cat >"$work/bin/indi_zor_focuser" <<WRAPPER
 #!/bin/sh
-export LD_PRELOAD="$preload"
+export LD_PRELOAD="$preload" ZOR_SIM_CONTROL="$control"
 export ASAN_OPTIONS="\${ASAN_OPTIONS:+\$ASAN_OPTIONS:}detect_leaks=0"
 exec "$driver" "\$@"
 WRAPPER
@@ -71,7 +73,7 @@ getp() { timeout 10 indi_getprop -p "$port" -t 2 -1 "$1"; }
 await() {
   timeout "${2:-30}" indi_eval -p "$port" -t 20 -w "$1" >/dev/null || fail "waiting for $1"
 }
-sim() { "$zorctl" sim --socket "$ZOR_SIM_CONTROL" "$@"; }
+sim() { "$zorctl" sim --socket "$control" "$@"; }
 # The value of one field of the virtual focuser's state.
 sim_field() { sim state "$1" | tr ' ' '\n' | sed -n "s/^$2=//p"; }
 expect_eq() { [ "$1" = "$2" ] || fail "$3: expected $2, got $1"; }
@@ -198,6 +200,14 @@ chained_case() {
   move_to "$F1" 30300
   port=$port_main
   expect_eq "$(getp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 30300 "position on the first server"
+
+  # A second driver (its virtual focuser has the same serial number) is
+  # told that the focuser is in use.
+  start_server other indi_zor_focuser
+  port=$port_other
+  setp "$F1.CONNECTION.CONNECT=On"
+  await "\"$F1.CONNECTION._STATE\"==$ALERT"
+  grep -q "in use by indi_zor_focuser (process" "$work"/other.messages/* || fail "no message that the focuser is in use"
   check_server_log
 }
 
