@@ -148,6 +148,10 @@ bool ZorFocuser::updateProperties()
         else if (!isConnected())
             deleteProperty(property.getName());
     }
+    // The saved configuration (compensation, presets, ...) applies from the
+    // connect on, but for the settings the focuser itself holds.
+    if (isConnected() && m_adoptingSettings)
+        loadConfig(true);
     return true;
 }
 
