@@ -24,6 +24,14 @@ if [ "$(uname -s)" = Linux ]; then
   echo "$note" | grep -q "Not installed (/proc/zor-rules.d is not writable): $rules"
 fi
 
+# The INDI driver, where it was built, with its entry in INDI's list of
+# drivers, and the library found from bin/.
+if [ -x "$build_dir/indi/indi_zor_focuser" ]; then
+  grep -q 'mdpd="true"' "$work/root/usr/share/indi/indi_zor_focuser.xml"
+  grep -q '<driver name="ZOR Focuser">indi_zor_focuser</driver>' "$work/root/usr/share/indi/indi_zor_focuser.xml"
+  if ldd "$prefix/bin/indi_zor_focuser" | grep 'not found'; then exit 1; fi
+fi
+
 cmake -S "$source_dir/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/consumer" >/dev/null
 LD_LIBRARY_PATH="$libdir" "$work/consumer/consumer"
