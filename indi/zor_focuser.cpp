@@ -110,9 +110,10 @@ void ZorFocuser::ISGetProperties(const char *dev)
     defineProperty(m_chosenTP);
     defineChoiceProperties();
     defineProperty(m_scanSP);
-    static const char *const kChoice = "ZOR_FOCUSER";
-    if (!isConnected())
-        loadConfig(true, kChoice);
+    if (!m_choiceLoaded) {
+        m_choiceLoaded = true;
+        loadConfig(true, m_chosenTP.getName());
+    }
 }
 
 void ZorFocuser::defineChoiceProperties()
@@ -168,6 +169,8 @@ bool ZorFocuser::ISNewText(const char *dev, const char *name, char *texts[], cha
         m_chosenTP.setState(IPS_OK);
         m_chosenTP.apply();
         defineChoiceProperties();
+        if (!isConfigLoading())
+            saveConfig(true, m_chosenTP.getName()); // the same focuser next time
         return true;
     }
     return INDI::Focuser::ISNewText(dev, name, texts, names, n);

@@ -14,6 +14,7 @@
 #include <libindi/indipropertytext.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace zorindi {
@@ -60,7 +61,7 @@ class ZorFocuser : public INDI::Focuser {
         int position = 0;
         bool moving = false;
         bool handMoving = false;
-        float temperature = 0;
+        std::optional<double> temperature; // none without a probe reading
     };
 
     // zor_focuser_link.cpp: reaching the focuser, losing and regaining it.
@@ -75,6 +76,7 @@ class ZorFocuser : public INDI::Focuser {
 
     // zor_focuser_state.cpp: what the poll shows, and temperature compensation.
     void showStatus(const Status &status);
+    void showTemperature(std::optional<double> celsius);
     void compensateTemperature(const Status &status);
     int move(int target);
     void focusSetByUser();
@@ -89,8 +91,8 @@ class ZorFocuser : public INDI::Focuser {
     std::function<void()> m_onListChanged;
     int m_id = -1;
     bool m_lost = false;
-    bool m_ownMove = false;           // the move in progress was commanded here
-    bool m_adoptingSettings = false;  // the configuration loaded at connect does not override the focuser
+    bool m_adoptingSettings = false; // the configuration loaded at connect does not override the focuser
+    bool m_choiceLoaded = false;     // the saved choice of focuser was read
     int m_pollsSinceBattery = 0;
     int m_pollsSinceReconnect = 0;
     TemperatureCompensation m_compensation;

@@ -168,8 +168,11 @@ int ZorFocuser::readStatus(Status &status)
     int code = ZORGetPosition(m_id, &status.position);
     if (code == ZOR_SUCCESS)
         code = ZORIsMoving(m_id, &status.moving, &status.handMoving);
-    if (code == ZOR_SUCCESS)
-        code = ZORGetTemp(m_id, &status.temperature);
+    // The focuser answered just now: a failed temperature read means no
+    // probe (or no reading from it), not a lost focuser.
+    float celsius = 0;
+    if (code == ZOR_SUCCESS && ZORGetTemp(m_id, &celsius) == ZOR_SUCCESS)
+        status.temperature = celsius;
     return code;
 }
 
@@ -190,7 +193,6 @@ void ZorFocuser::markLost(int code, const char *doing)
         return;
     m_lost = true;
     m_pollsSinceReconnect = 0;
-    m_ownMove = false;
     LOGF_ERROR("Lost the focuser while %s: %s. Reconnecting when it is back.", doing, resultText(code).c_str());
     for (INumberVectorProperty *p : {&FocusAbsPosNP, &FocusRelPosNP}) {
         p->s = IPS_ALERT;

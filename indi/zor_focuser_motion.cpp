@@ -22,7 +22,6 @@ int ZorFocuser::move(int target)
     const int code = ZORMove(m_id, target);
     if (!succeeded(code, "starting a move"))
         return code;
-    m_ownMove = true;
     FocusAbsPosNP.s = IPS_BUSY;
     IDSetNumber(&FocusAbsPosNP, nullptr);
     return code;
@@ -54,7 +53,6 @@ bool ZorFocuser::AbortFocuser()
 {
     if (!succeeded(ZORStop(m_id), "stopping"))
         return false;
-    m_ownMove = false;
     FocusAbsPosNP.s = FocusRelPosNP.s = IPS_IDLE;
     IDSetNumber(&FocusAbsPosNP, nullptr);
     IDSetNumber(&FocusRelPosNP, nullptr);
@@ -119,13 +117,21 @@ void ZorFocuser::showStatus(const Status &status)
         FocusRelPosNP.s = IPS_OK;
         IDSetNumber(&FocusRelPosNP, nullptr);
     }
-    if (!busy)
-        m_ownMove = false;
+    showTemperature(status.temperature);
+}
 
-    const double celsius = status.temperature;
-    if (std::fabs(celsius - m_temperatureNP[0].getValue()) >= kTemperatureResolution ||
+void ZorFocuser::showTemperature(std::optional<double> celsius)
+{
+    if (!celsius) {
+        if (m_temperatureNP.getState() != IPS_ALERT) {
+            m_temperatureNP.setState(IPS_ALERT);
+            m_temperatureNP.apply("No reading from the temperature probe; is it plugged in?");
+        }
+        return;
+    }
+    if (std::fabs(*celsius - m_temperatureNP[0].getValue()) >= kTemperatureResolution ||
         m_temperatureNP.getState() != IPS_OK) {
-        m_temperatureNP[0].setValue(celsius);
+        m_temperatureNP[0].setValue(*celsius);
         m_temperatureNP.setState(IPS_OK);
         m_temperatureNP.apply();
     }
@@ -135,18 +141,19 @@ void ZorFocuser::showStatus(const Status &status)
 // hand controller is never changed under it.
 void ZorFocuser::compensateTemperature(const Status &status)
 {
-    if (m_compensateSP.findOnSwitchIndex() != 0 || status.moving || status.handMoving)
+    if (m_compensateSP.findOnSwitchIndex() != 0 || status.moving || status.handMoving || !status.temperature)
         return;
+    const double celsius = *status.temperature;
     if (!m_compensation.reference()) {
-        m_compensation.setReference(status.temperature);
+        m_compensation.setReference(celsius);
         return;
     }
-    const int steps = m_compensation.stepsDue(status.temperature, m_compensationNP[0].getValue(),
-                                              m_compensationNP[1].getValue());
+    const int steps =
+        m_compensation.stepsDue(celsius, m_compensationNP[0].getValue(), m_compensationNP[1].getValue());
     if (steps == 0)
         return;
     const int target = std::clamp(status.position + steps, 0, static_cast<int>(FocusAbsPosN[0].max));
-    LOGF_INFO("Temperature %.2f °C: compensating by %d steps, to %d.", status.temperature, steps, target);
+    LOGF_INFO("Temperature %.2f °C: compensating by %d steps, to %d.", celsius, steps, target);
     move(target);
 }
 

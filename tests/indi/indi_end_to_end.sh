@@ -8,8 +8,9 @@
 #
 # CASE is usb (two focusers, every control, temperature compensation, the
 # saved configuration, hand controller, unplug and return), chained (a
-# second server relays the first) or bluetooth (a virtual Bluetooth focuser
-# on a private bus).
+# second server relays the first; a focuser without a probe; a second
+# driver finds the focuser in use) or bluetooth (a virtual Bluetooth focuser
+# on a private bus: scan, connect, move, battery).
 set -euo pipefail
 case_name=$1 driver=$2 preload=$3 zorctl=$4 bluez_sim=$5 bus_script=$6
 
@@ -192,12 +193,15 @@ usb_case() {
 }
 
 chained_case() {
-  export ZOR_SIM="pro/speed=4000"
+  export ZOR_SIM="pro/speed=4000/noprobe"
   start_server main indi_zor_focuser
   start_server relay "$F1@localhost:$port_main"
   port=$port_relay
   connect "$F1"
   move_to "$F1" 30300
+  # Without a probe the temperature is Alert, and the focuser stays connected.
+  await "\"$F1.FOCUS_TEMPERATURE._STATE\"==$ALERT"
+  ! grep -q "Lost the focuser" "$work"/main.messages/* || fail "a missing probe was taken for a lost focuser"
   port=$port_main
   expect_eq "$(getp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 30300 "position on the first server"
 
