@@ -87,6 +87,9 @@ bool ZorFocuser::initProperties()
     m_compensationNP.fill(dev, "TEMP_COMPENSATION_SETTINGS", "Settings", kTemperatureGroup, IP_RW, 60,
                           IPS_IDLE);
 
+    m_referenceNP[0].fill("REFERENCE", "Focus set at (°C)", "%.2f", -100, 250, 0, 0);
+    m_referenceNP.fill(dev, "TEMP_COMPENSATION_REFERENCE", "Reference", kTemperatureGroup, IP_RO, 0, IPS_IDLE);
+
     m_batteryNP[0].fill("LEVEL", "Level (%)", "%.0f", 0, 100, 0, 0);
     m_batteryNP.fill(dev, "ZOR_BATTERY", "Battery", MAIN_CONTROL_TAB, IP_RO, 0, IPS_IDLE);
     m_chargingLP[0].fill("CHARGING", "Charging", IPS_IDLE);
@@ -141,7 +144,7 @@ bool ZorFocuser::updateProperties()
     // (property, shown for this focuser)
     const std::pair<INDI::Property, bool> own[] = {
         {m_temperatureNP, true}, {m_compensateSP, true}, {m_compensationNP, true},
-        {m_identityTP, true},    {m_batteryNP, m_hasBattery}, {m_chargingLP, m_hasBattery},
+        {m_referenceNP, true},   {m_identityTP, true},    {m_batteryNP, m_hasBattery}, {m_chargingLP, m_hasBattery},
         {m_ledSP, m_hasLed},     {m_beepSP, m_hasBeep}};
     for (auto [property, shown] : own) {
         if (isConnected() && shown)
@@ -199,9 +202,9 @@ bool ZorFocuser::ISNewSwitch(const char *dev, const char *name, ISState *states,
     }
     if (m_compensateSP.isNameMatch(name)) {
         m_compensateSP.update(states, names, n);
-        m_compensation.forget(); // starts from the next reading at rest
         m_compensateSP.setState(IPS_OK);
         m_compensateSP.apply();
+        restartCompensation();
         return true;
     }
     if (m_ledSP.isNameMatch(name))

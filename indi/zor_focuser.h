@@ -79,7 +79,8 @@ class ZorFocuser : public INDI::Focuser {
     void showTemperature(std::optional<double> celsius);
     void compensateTemperature(const Status &status);
     int move(int target);
-    void focusSetByUser();
+    void restartCompensation();
+    void showReference();
 
     bool bluetooth() const;
     void defineChoiceProperties();
@@ -104,6 +105,7 @@ class ZorFocuser : public INDI::Focuser {
     INDI::PropertyNumber m_temperatureNP{1};  // FOCUS_TEMPERATURE.TEMPERATURE
     INDI::PropertySwitch m_compensateSP{2};   // TEMP_COMPENSATION: ENABLE, DISABLE
     INDI::PropertyNumber m_compensationNP{2}; // TEMP_COMPENSATION_SETTINGS
+    INDI::PropertyNumber m_referenceNP{1};    // TEMP_COMPENSATION_REFERENCE: where focus was set
     INDI::PropertyNumber m_batteryNP{1};      // ZOR_BATTERY.LEVEL
     INDI::PropertyLight m_chargingLP{1};      // ZOR_CHARGING.CHARGING
     INDI::PropertySwitch m_ledSP{2};          // ZOR_LED: ON, OFF

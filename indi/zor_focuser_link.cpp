@@ -56,7 +56,7 @@ bool ZorFocuser::Disconnect()
     FocuserCatalog::instance().close(choice());
     m_id = -1;
     m_lost = false;
-    m_compensation.forget();
+    restartCompensation();
     LOG_INFO("Disconnected from the focuser.");
     return true;
 }

@@ -27,15 +27,29 @@ int ZorFocuser::move(int target)
     return code;
 }
 
-// Focus set by hand (a move or a sync) is where compensation starts again,
-// from the temperature read once the focuser is at rest.
-void ZorFocuser::focusSetByUser() { m_compensation.forget(); }
+// Focus set by hand (a move, a sync, compensation switched on) is where
+// compensation starts again, from the temperature read once the focuser is
+// at rest.
+void ZorFocuser::restartCompensation()
+{
+    m_compensation.forget();
+    showReference();
+}
+
+void ZorFocuser::showReference()
+{
+    const std::optional<double> reference = m_compensation.reference();
+    m_referenceNP[0].setValue(reference.value_or(0));
+    m_referenceNP.setState(reference ? IPS_OK : IPS_IDLE);
+    if (isConnected())
+        m_referenceNP.apply();
+}
 
 IPState ZorFocuser::MoveAbsFocuser(uint32_t targetTicks)
 {
     if (move(static_cast<int>(targetTicks)) != ZOR_SUCCESS)
         return IPS_ALERT;
-    focusSetByUser();
+    restartCompensation();
     return IPS_BUSY;
 }
 
@@ -45,7 +59,7 @@ IPState ZorFocuser::MoveRelFocuser(FocusDirection dir, uint32_t ticks)
     const double target = std::clamp(FocusAbsPosN[0].value + step, 0.0, FocusAbsPosN[0].max);
     if (move(static_cast<int>(target)) != ZOR_SUCCESS)
         return IPS_ALERT;
-    focusSetByUser();
+    restartCompensation();
     return IPS_BUSY;
 }
 
@@ -65,7 +79,7 @@ bool ZorFocuser::SyncFocuser(uint32_t ticks)
         return false;
     FocusAbsPosN[0].value = ticks;
     IDSetNumber(&FocusAbsPosNP, nullptr);
-    focusSetByUser();
+    restartCompensation();
     return true;
 }
 
@@ -146,12 +160,14 @@ void ZorFocuser::compensateTemperature(const Status &status)
     const double celsius = *status.temperature;
     if (!m_compensation.reference()) {
         m_compensation.setReference(celsius);
+        showReference();
         return;
     }
     const int steps =
         m_compensation.stepsDue(celsius, m_compensationNP[0].getValue(), m_compensationNP[1].getValue());
     if (steps == 0)
         return;
+    showReference();
     const int target = std::clamp(status.position + steps, 0, static_cast<int>(FocusAbsPosN[0].max));
     LOGF_INFO("Temperature %.2f °C: compensating by %d steps, to %d.", celsius, steps, target);
     move(target);

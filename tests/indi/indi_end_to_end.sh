@@ -168,13 +168,14 @@ usb_case() {
   move_to "$F2" 40000
   setp "$F2.TEMP_COMPENSATION_SETTINGS.STEPS_PER_DEGREE;THRESHOLD=10;1"
   setp "$F2.TEMP_COMPENSATION.ENABLE=On"
-  sleep 1.5 # a reading at rest sets where compensation starts
+  await "\"$F2.TEMP_COMPENSATION_REFERENCE._STATE\"==$OK && abs(\"$F2.TEMP_COMPENSATION_REFERENCE.REFERENCE\"-20)<0.05"
   sim temperature 1 19.5
-  sleep 1.5
-  expect_eq "$(sim_field 1 position)" 40000 "compensation below the threshold"
+  await "abs(\"$F2.FOCUS_TEMPERATURE.TEMPERATURE\"-19.5)<0.1"
+  expect_eq "$(sim_field 1 target)" 40000 "compensation below the threshold"
   sim temperature 1 17
   await_sim 1 position 39970
   await "\"$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==39970 && \"$F2.ABS_FOCUS_POSITION._STATE\"==$OK"
+  await "abs(\"$F2.TEMP_COMPENSATION_REFERENCE.REFERENCE\"-17)<0.05"
 
   # A move from the hand controller shows Busy.
   sim hand 0 out
