@@ -119,9 +119,10 @@ FoundFocuser FocuserCatalog::describeUsb(int id)
     return {key, label + " (USB)"};
 }
 
-void FocuserCatalog::rescanUsb()
+std::vector<std::string> FocuserCatalog::rescanUsb()
 {
     std::vector<FoundFocuser> list;
+    std::vector<std::string> problems;
     const int count = ZORGetNum();
     for (int index = 0; index < count; ++index) {
         int id = -1;
@@ -129,7 +130,7 @@ void FocuserCatalog::rescanUsb()
             continue;
         FoundFocuser found = describeUsb(id);
         if (found.key.empty()) {
-            std::fprintf(stderr, "indi_zor_focuser: %s\n", found.label.c_str());
+            problems.push_back(found.label);
             continue;
         }
         if (found.label.empty()) { // ours: keep the label it had
@@ -143,6 +144,7 @@ void FocuserCatalog::rescanUsb()
         if (isBluetoothKey(f.key))
             list.push_back(f);
     m_found = list;
+    return problems;
 }
 
 int FocuserCatalog::scanBluetooth(int ms)

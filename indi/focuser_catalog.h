@@ -27,8 +27,8 @@ class FocuserCatalog {
     static FocuserCatalog &instance();
 
     // Enumerates USB focusers again; focusers found by earlier Bluetooth
-    // scans stay listed.
-    void rescanUsb();
+    // scans stay listed. What could not be opened, in words for the user.
+    std::vector<std::string> rescanUsb();
     // Scans for Bluetooth focusers for `ms`; 0 or the library's error.
     int scanBluetooth(int ms);
     const std::vector<FoundFocuser> &found() const { return m_found; }

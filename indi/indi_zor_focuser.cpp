@@ -8,6 +8,7 @@
 #include <libindi/indidevapi.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -55,7 +56,8 @@ void ensureDevices()
 {
     if (!g_devices.empty())
         return;
-    FocuserCatalog::instance().rescanUsb();
+    for (const std::string &problem : FocuserCatalog::instance().rescanUsb())
+        std::fprintf(stderr, "indi_zor_focuser: %s\n", problem.c_str());
     const std::size_t count = std::max<std::size_t>(1, FocuserCatalog::instance().found().size());
     while (g_devices.size() < count)
         addDevice();

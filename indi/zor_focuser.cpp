@@ -289,7 +289,8 @@ void ZorFocuser::scan(bool overBluetooth)
     if (overBluetooth)
         code = catalog.scanBluetooth(kBluetoothScanMs);
     else
-        catalog.rescanUsb();
+        for (const std::string &problem : catalog.rescanUsb())
+            LOGF_WARN("%s.", problem.c_str());
     m_scanSP.reset();
     m_scanSP.setState(code == ZOR_SUCCESS ? IPS_OK : IPS_ALERT);
     if (code != ZOR_SUCCESS)
