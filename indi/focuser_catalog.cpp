@@ -20,6 +20,10 @@ constexpr int kMaxScanned = 64;
 
 bool startsWith(const std::string &s, const char *prefix) { return s.rfind(prefix, 0) == 0; }
 
+bool isBluetoothKey(const std::string &key) { return startsWith(key, kBluetoothPrefix); }
+
+std::string bluetoothName(const std::string &key) { return key.substr(std::strlen(kBluetoothPrefix)); }
+
 // Another program driving the same focuser would fight this one over every
 // move, and the USB link does not keep it out. Programs of this driver
 // agree through an advisory lock per serial number, whose file names the
@@ -72,10 +76,6 @@ std::string usbKey(int id)
 } // namespace
 
 std::string resultText(int code) { return zorctl::formatResult(code); }
-
-bool isBluetoothKey(const std::string &key) { return startsWith(key, kBluetoothPrefix); }
-
-std::string bluetoothName(const std::string &key) { return key.substr(std::strlen(kBluetoothPrefix)); }
 
 std::string textOf(const char *chars, std::size_t size) { return std::string(chars, strnlen(chars, size)); }
 
@@ -168,18 +168,6 @@ int FocuserCatalog::scanBluetooth(int ms)
             known->label = label;
     }
     return ZOR_SUCCESS;
-}
-
-int FocuserCatalog::usbCount() const
-{
-    return static_cast<int>(std::count_if(m_found.begin(), m_found.end(),
-                                          [](const FoundFocuser &f) { return !isBluetoothKey(f.key); }));
-}
-
-std::string FocuserCatalog::owner(const std::string &key) const
-{
-    const auto it = m_claims.find(key);
-    return it == m_claims.end() ? std::string() : it->second.owner;
 }
 
 std::string FocuserCatalog::open(const std::string &key, const std::string &owner, int &id)

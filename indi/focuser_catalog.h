@@ -19,9 +19,6 @@ struct FoundFocuser {
     std::string label; // what a user reads in the list
 };
 
-bool isBluetoothKey(const std::string &key);
-std::string bluetoothName(const std::string &key);
-
 class FocuserCatalog {
   public:
     static FocuserCatalog &instance();
@@ -32,7 +29,6 @@ class FocuserCatalog {
     // Scans for Bluetooth focusers for `ms`; 0 or the library's error.
     int scanBluetooth(int ms);
     const std::vector<FoundFocuser> &found() const { return m_found; }
-    int usbCount() const;
 
     // Opens the focuser `key` names for `owner` (a device name) and claims
     // it; its library ID goes to `id`. Opening it again for the same owner
@@ -41,8 +37,6 @@ class FocuserCatalog {
     std::string open(const std::string &key, const std::string &owner, int &id);
     // Closes what open() gave and gives up the claim.
     void close(const std::string &key);
-    // The device holding `key`, or empty.
-    std::string owner(const std::string &key) const;
 
   private:
     struct Claim {
