@@ -36,6 +36,18 @@ std::string elementName(const std::string &key)
 
 } // namespace
 
+void showOnOff(INDI::PropertySwitch &property, bool on)
+{
+    property.reset();
+    property[on ? 0 : 1].setState(ISS_ON);
+}
+
+void showOnOff(ISwitch (&pair)[2], bool on)
+{
+    pair[0].s = on ? ISS_ON : ISS_OFF;
+    pair[1].s = on ? ISS_OFF : ISS_ON;
+}
+
 ZorFocuser::ZorFocuser(const std::string &deviceName, const std::string &firstChoice,
                        std::function<void()> onListChanged)
     : m_onListChanged(std::move(onListChanged))
@@ -266,12 +278,11 @@ bool ZorFocuser::saveConfigItems(FILE *fp)
 bool ZorFocuser::applyOnOff(INDI::PropertySwitch &property, ISState *states, char *names[], int n,
                             ZOR_ERROR_CODE (*setter)(int, bool), const char *doing)
 {
-    const int before = property.findOnSwitchIndex();
+    const bool wasOn = property.findOnSwitchIndex() == 0;
     property.update(states, names, n);
     const bool on = property.findOnSwitchIndex() == 0;
     if (!succeeded(setter(m_id, on), doing)) {
-        property.reset();
-        property[before < 0 ? 1 : before].setState(ISS_ON);
+        showOnOff(property, wasOn);
         property.setState(IPS_ALERT);
     } else {
         property.setState(IPS_OK);

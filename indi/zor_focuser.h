@@ -19,6 +19,10 @@
 
 namespace zorindi {
 
+// Shows `on` in an on/off switch pair; both kinds have "on" first.
+void showOnOff(INDI::PropertySwitch &property, bool on);
+void showOnOff(ISwitch (&pair)[2], bool on);
+
 class ZorFocuser : public INDI::Focuser {
   public:
     // `firstChoice`: the focuser this device picks until the user or the
@@ -68,7 +72,7 @@ class ZorFocuser : public INDI::Focuser {
     bool openChosen();
     void adoptDeviceSettings();
     void readIdentity();
-    void readBattery();
+    int readBattery();
     int readStatus(Status &status);
     bool succeeded(int code, const char *doing);
     void markLost(int code, const char *doing);

@@ -85,13 +85,10 @@ void ZorFocuser::adoptDeviceSettings()
     }
     if (ZORGetPosition(m_id, &position) == ZOR_SUCCESS)
         FocusAbsPosN[0].value = position;
-    if (ZORGetReverse(m_id, &reverse) == ZOR_SUCCESS) {
-        FocusReverseS[INDI_ENABLED].s = reverse ? ISS_ON : ISS_OFF;
-        FocusReverseS[INDI_DISABLED].s = reverse ? ISS_OFF : ISS_ON;
-    }
+    if (ZORGetReverse(m_id, &reverse) == ZOR_SUCCESS)
+        showOnOff(FocusReverseS, reverse);
     if (ZORGetBacklash(m_id, &backlash) == ZOR_SUCCESS) {
-        FocusBacklashS[INDI_ENABLED].s = backlash > 0 ? ISS_ON : ISS_OFF;
-        FocusBacklashS[INDI_DISABLED].s = backlash > 0 ? ISS_OFF : ISS_ON;
+        showOnOff(FocusBacklashS, backlash > 0);
         if (backlash > 0)
             FocusBacklashN[0].value = backlash;
     }
@@ -128,18 +125,13 @@ void ZorFocuser::readIdentity()
 
     bool on = false;
     m_hasLed = ZORGetLedState(m_id, &on) == ZOR_SUCCESS;
-    m_ledSP[0].setState(on ? ISS_ON : ISS_OFF);
-    m_ledSP[1].setState(on ? ISS_OFF : ISS_ON);
+    showOnOff(m_ledSP, on);
     m_hasBeep = ZORGetBeep(m_id, &on) == ZOR_SUCCESS;
-    m_beepSP[0].setState(on ? ISS_ON : ISS_OFF);
-    m_beepSP[1].setState(on ? ISS_OFF : ISS_ON);
-    ZOR_BATTERY_INFO battery{};
-    m_hasBattery = ZORGetBatteryInfo(m_id, &battery) == ZOR_SUCCESS;
-    if (m_hasBattery)
-        readBattery();
+    showOnOff(m_beepSP, on);
+    m_hasBattery = readBattery() == ZOR_SUCCESS;
 }
 
-void ZorFocuser::readBattery()
+int ZorFocuser::readBattery()
 {
     m_pollsSinceBattery = 0;
     ZOR_BATTERY_INFO battery{};
@@ -153,6 +145,7 @@ void ZorFocuser::readBattery()
         m_batteryNP.apply();
         m_chargingLP.apply();
     }
+    return code;
 }
 
 // Over Bluetooth one exchange answers all of it; over USB each call reads
