@@ -9,6 +9,9 @@ configure_file(${CMAKE_CURRENT_BINARY_DIR}/ZOR_focuser.h.tmp
                ${ZOR_GENERATED_INCLUDE_DIR}/ZOR_focuser.h COPYONLY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
              ${CMAKE_CURRENT_SOURCE_DIR}/include/ZOR_focuser.h)
+# The result-code texts sit beside it, so that they include the configured copy.
+configure_file(${CMAKE_CURRENT_SOURCE_DIR}/include/ZOR_result_codes.h
+               ${ZOR_GENERATED_INCLUDE_DIR}/ZOR_result_codes.h COPYONLY)
 
 # Only the interface leaves the shared library, whatever the headers it
 # includes mark as visible.
