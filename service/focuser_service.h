@@ -33,14 +33,11 @@ namespace zorservice {
 using Done = std::function<void(int code)>;
 
 // The service's own outcomes, outside the library's range.
-enum ServiceCode : int {
-    kNotConnected = 1000,    // the focuser is not connected (or its link is lost)
-    kNotFound = 1001,        // no focuser of this key is attached or advertises
-    kInUse = 1002,           // another program holds the focuser
-    kBelowPosition = 1003,   // a maximum below where the focuser is
-    kOutOfRange = 1004,      // a value outside what the focuser takes
-    kCancelled = 1005,       // replaced by a later command, or the focuser was disconnected
-};
+constexpr int kNotConnected = 1000;  // the focuser is not connected (or its link is lost)
+constexpr int kNotFound = 1001;      // no focuser of this key is attached or advertises
+constexpr int kInUse = 1002;         // another program holds the focuser
+constexpr int kBelowPosition = 1003; // a maximum below where the focuser is
+constexpr int kOutOfRange = 1004;    // a value outside what the focuser takes
 
 // "ZOR_ERROR_MOVING (5): the focuser is moving", from the library's table
 // of result codes, or the service's own text for its codes.
@@ -188,8 +185,9 @@ class Service {
     // service.
     std::shared_ptr<Focuser> focuser(const std::string &key);
 
+    struct State; // the service's inside (service_state.h)
+
   private:
-    struct State;
     std::shared_ptr<State> m_state;
 };
 

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <optional>
 
-namespace zorindi {
+namespace zorservice {
 
 class TemperatureCompensation {
   public:
@@ -33,4 +33,4 @@ class TemperatureCompensation {
     std::optional<double> m_reference;
 };
 
-} // namespace zorindi
+} // namespace zorservice
