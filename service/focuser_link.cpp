@@ -216,7 +216,8 @@ void FocuserImpl::readIdentityAndSettings()
     ZORGetReverse(m_id, &reverse);
     const std::optional<bool> beep = readOnOff(ZORGetBeep, m_id);
     const std::optional<bool> led = readOnOff(ZORGetLedState, m_id);
-    tables.unlock();
+    if (tables.owns_lock())
+        tables.unlock();
     publish([&](Snapshot &s) {
         s.identity = identity;
         s.stepRange = range;
@@ -288,7 +289,8 @@ void FocuserImpl::poll()
         int position = 0;
         auto tables = callLock();
         if (ZORGetPosition(m_id, &position) != ZOR_SUCCESS) {
-            tables.unlock();
+            if (tables.owns_lock())
+                tables.unlock();
             loseLink(code, "reading its state");
             return;
         }

@@ -127,7 +127,8 @@ int FocuserImpl::applyMaxStep(int steps)
     int applied = 0;
     if (code == ZOR_SUCCESS)
         code = ZORGetMaxStep(m_id, &applied);
-    tables.unlock();
+    if (tables.owns_lock())
+        tables.unlock();
     if (code == ZOR_SUCCESS)
         publish([&](Snapshot &s) { s.maxStep = applied; });
     return code;
