@@ -1,22 +1,30 @@
-// indi_zor_focuser: the INDI driver. One process serves every ZOR focuser
+// indi_zor_focuser, the INDI driver. One process serves every ZOR focuser
 // it finds, each as a device of its own: "ZOR Focuser", "ZOR Focuser 2", ...
 // There is a device for each focuser found (at least one), and a scan that
-// finds more focusers than devices adds devices.
-#include "focuser_catalog.h"
+// finds more focusers than devices adds devices. The focuser service does
+// the library calls on threads of its own; this file and the devices run on
+// libindi's event loop only.
+#include "focuser_service.h"
+#include "loop_bridge.h"
 #include "zor_focuser.h"
 
 #include <libindi/indidevapi.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 namespace {
 
-using zorindi::FocuserCatalog;
+using zorindi::LoopBridge;
 using zorindi::ZorFocuser;
+
+zorservice::Service &service()
+{
+    static zorservice::Service instance("indi_zor_focuser");
+    return instance;
+}
 
 std::vector<std::unique_ptr<ZorFocuser>> g_devices;
 
@@ -25,42 +33,55 @@ std::string deviceName(std::size_t index)
     return index == 0 ? "ZOR Focuser" : "ZOR Focuser " + std::to_string(index + 1);
 }
 
-// The first focuser found that no device has chosen.
-std::string unchosenFocuser()
+// Which other device holds `key`, in words; empty when none does.
+std::string holderOf(const std::string &key, const ZorFocuser *asking)
 {
-    for (const auto &found : FocuserCatalog::instance().found())
-        if (std::none_of(g_devices.begin(), g_devices.end(), [&](const auto &d) { return d->choice() == found.key; }))
-            return found.key;
+    for (const auto &device : g_devices)
+        if (device.get() != asking && device->holds(key))
+            return std::string("the focuser is already connected in device \"") + device->getDeviceName() + "\"";
     return "";
 }
 
-void listChanged();
-
 void addDevice()
 {
-    g_devices.push_back(std::make_unique<ZorFocuser>(deviceName(g_devices.size()), unchosenFocuser(), listChanged));
+    g_devices.push_back(std::make_unique<ZorFocuser>(service(), deviceName(g_devices.size()), holderOf));
+    g_devices.back()->ISGetProperties(nullptr); // reads its saved choice; appears to every client
 }
 
-void listChanged()
+// Devices without a saved choice get a focuser that no device has chosen,
+// once every device's saved choice is known.
+void chooseDefaults()
 {
-    const std::size_t wanted = FocuserCatalog::instance().found().size();
-    for (auto &device : g_devices)
-        device->refreshChoices();
-    while (g_devices.size() < wanted) {
-        addDevice();
-        g_devices.back()->ISGetProperties(nullptr); // a new device appears to every client
+    for (auto &device : g_devices) {
+        if (!device->choice().empty())
+            continue;
+        for (const auto &entry : service().catalogue())
+            if (std::none_of(g_devices.begin(), g_devices.end(),
+                             [&](const auto &d) { return d->choice() == entry.key; })) {
+                device->choose(entry.key);
+                break;
+            }
     }
+}
+
+void catalogueChanged()
+{
+    const std::size_t wanted = service().catalogue().size();
+    while (g_devices.size() < wanted)
+        addDevice();
+    chooseDefaults();
+    for (auto &device : g_devices)
+        device->catalogueChanged();
 }
 
 void ensureDevices()
 {
     if (!g_devices.empty())
         return;
-    for (const std::string &problem : FocuserCatalog::instance().rescanUsb())
-        std::fprintf(stderr, "indi_zor_focuser: %s\n", problem.c_str());
-    const std::size_t count = std::max<std::size_t>(1, FocuserCatalog::instance().found().size());
-    while (g_devices.size() < count)
-        addDevice();
+    LoopBridge::instance(); // made on the loop, which watches it from now on
+    service().setCatalogueListener([] { LoopBridge::instance().post(catalogueChanged); });
+    addDevice();
+    service().rescanUsb();
 }
 
 // The device a message is for; null for another driver's.
@@ -76,7 +97,10 @@ ZorFocuser *deviceNamed(const char *dev)
 
 void ISGetProperties(const char *dev)
 {
+    const bool first = g_devices.empty();
     ensureDevices();
+    if (first)
+        return; // the new device defined itself to every client
     for (auto &device : g_devices)
         if (!dev || !strcmp(dev, device->getDeviceName()))
             device->ISGetProperties(dev);

@@ -1,19 +1,20 @@
 // Properties of a focuser device and what a client's changes to them do.
 #include "zor_focuser.h"
 
-#include "focuser_catalog.h"
-
-#include "ZOR_focuser.h"
+#include "loop_bridge.h"
 
 #include <libindi/indilogger.h>
 
+#include <chrono>
 #include <cstring>
 
 namespace zorindi {
 namespace {
 
+using zorservice::Transport;
+
 const char *const kTemperatureGroup = "Temperature";
-constexpr int kBluetoothScanMs = 3000;
+constexpr auto kBluetoothScan = std::chrono::milliseconds(3000);
 constexpr double kMaxBacklash = 255;
 
 void fillOnOff(INDI::PropertySwitch &property, const char *device, const char *name, const char *label)
@@ -34,6 +35,16 @@ std::string elementName(const std::string &key)
     return name;
 }
 
+bool sameList(const std::vector<zorservice::CatalogueEntry> &a, const std::vector<zorservice::CatalogueEntry> &b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (a[i].key != b[i].key || a[i].label != b[i].label)
+            return false;
+    return true;
+}
+
 } // namespace
 
 void showOnOff(INDI::PropertySwitch &property, bool on)
@@ -48,34 +59,52 @@ void showOnOff(ISwitch (&pair)[2], bool on)
     pair[1].s = on ? ISS_OFF : ISS_ON;
 }
 
-ZorFocuser::ZorFocuser(const std::string &deviceName, const std::string &firstChoice,
-                       std::function<void()> onListChanged)
-    : m_onListChanged(std::move(onListChanged))
+ZorFocuser::ZorFocuser(zorservice::Service &service, const std::string &deviceName,
+                       std::function<std::string(const std::string &, const ZorFocuser *)> holder)
+    : m_service(service), m_holder(std::move(holder))
 {
     setDeviceName(deviceName.c_str());
-    setVersion(1, 0);
+    setVersion(ZOR_VERSION_MAJOR, ZOR_VERSION_MINOR);
     setSupportedConnections(CONNECTION_NONE);
     FI::SetCapability(FOCUSER_CAN_ABS_MOVE | FOCUSER_CAN_REL_MOVE | FOCUSER_CAN_ABORT | FOCUSER_CAN_SYNC |
                       FOCUSER_CAN_REVERSE | FOCUSER_HAS_BACKLASH);
-    m_chosenTP[0].fill("KEY", "Focuser", firstChoice.c_str());
+    m_chosenTP[0].fill("KEY", "Focuser", "");
 }
 
 ZorFocuser::~ZorFocuser()
 {
-    if (m_id >= 0)
-        FocuserCatalog::instance().close(choice());
+    if (m_focuser) {
+        m_focuser->setListener({});
+        m_focuser->disconnect();
+    }
 }
 
 std::string ZorFocuser::choice() const { return m_chosenTP[0].getText() ? m_chosenTP[0].getText() : ""; }
 
-bool ZorFocuser::bluetooth() const { return m_id >= ZOR_BLE_ID_BASE; }
+void ZorFocuser::choose(const std::string &key)
+{
+    m_chosenTP[0].setText(key);
+    if (isInitializationComplete()) {
+        m_chosenTP.apply();
+        defineChoiceProperties();
+    }
+}
+
+bool ZorFocuser::holds(const std::string &key) const
+{
+    return (isConnected() || m_connecting) && choice() == key;
+}
 
 bool ZorFocuser::initProperties()
 {
     INDI::Focuser::initProperties();
     const char *dev = getDeviceName();
+    if (auto info = getText("DRIVER_INFO"); info.isValid()) // the project's version, not just major.minor
+        if (auto version = info.findWidgetByName("DRIVER_VERSION"))
+            version->setText(ZOR_VERSION);
 
     m_chosenTP.fill(dev, "ZOR_FOCUSER", "Focuser", CONNECTION_TAB, IP_RW, 60, IPS_IDLE);
+    m_foundSP.fill(dev, "ZOR_FOCUSERS", "Found", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60, IPS_IDLE);
     m_scanSP[0].fill("USB", "Rescan USB", ISS_OFF);
     m_scanSP[1].fill("BLUETOOTH", "Scan Bluetooth", ISS_OFF);
     m_scanSP.fill(dev, "ZOR_SCAN", "Find focusers", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60, IPS_IDLE);
@@ -96,6 +125,7 @@ bool ZorFocuser::initProperties()
                         IPS_IDLE);
     m_compensationNP[0].fill("STEPS_PER_DEGREE", "Steps per °C", "%.1f", -10000, 10000, 1, 0);
     m_compensationNP[1].fill("THRESHOLD", "Threshold (°C)", "%.2f", 0.01, 20, 0.1, 1);
+    m_compensationNP[2].fill("SETTLE", "Wait after a client's move (s)", "%.0f", 0, 3600, 10, 60);
     m_compensationNP.fill(dev, "TEMP_COMPENSATION_SETTINGS", "Settings", kTemperatureGroup, IP_RW, 60,
                           IPS_IDLE);
 
@@ -119,45 +149,58 @@ bool ZorFocuser::initProperties()
     return true;
 }
 
+// Every client asks; each gets the properties as they are. The saved choice
+// of focuser is read once, before the driver hands out default choices.
 void ZorFocuser::ISGetProperties(const char *dev)
 {
     INDI::Focuser::ISGetProperties(dev);
     defineProperty(m_chosenTP);
-    defineChoiceProperties();
-    defineProperty(m_scanSP);
     if (!m_choiceLoaded) {
         m_choiceLoaded = true;
         loadConfig(true, m_chosenTP.getName());
+        m_listed = m_service.catalogue();
+        defineChoiceProperties();
+    } else if (!m_listed.empty()) {
+        defineProperty(m_foundSP);
     }
+    defineProperty(m_scanSP);
 }
 
 void ZorFocuser::defineChoiceProperties()
 {
     deleteProperty(m_foundSP.getName());
-    const auto &found = FocuserCatalog::instance().found();
-    m_foundSP.resize(found.size());
-    for (std::size_t i = 0; i < found.size(); ++i)
-        m_foundSP[i].fill(elementName(found[i].key), found[i].label,
-                          found[i].key == choice() ? ISS_ON : ISS_OFF);
+    m_foundSP.resize(m_listed.size());
+    for (std::size_t i = 0; i < m_listed.size(); ++i)
+        m_foundSP[i].fill(elementName(m_listed[i].key), m_listed[i].label,
+                          m_listed[i].key == choice() ? ISS_ON : ISS_OFF);
     m_foundSP.fill(getDeviceName(), "ZOR_FOCUSERS", "Found", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60, IPS_IDLE);
-    if (!found.empty())
+    if (!m_listed.empty())
         defineProperty(m_foundSP);
 }
 
-void ZorFocuser::refreshChoices()
+void ZorFocuser::catalogueChanged()
 {
-    if (isInitializationComplete())
+    m_catalogueKnown = true;
+    const auto listed = m_service.catalogue();
+    if (m_choiceLoaded && !sameList(listed, m_listed)) {
+        m_listed = listed;
         defineChoiceProperties();
+    }
+    if (m_connectWaits) {
+        m_connectWaits = false;
+        startConnect();
+    }
 }
 
 bool ZorFocuser::updateProperties()
 {
     INDI::Focuser::updateProperties();
+    const zorservice::Snapshot &now = m_shown;
     // (property, shown for this focuser)
     const std::pair<INDI::Property, bool> own[] = {
-        {m_temperatureNP, true}, {m_compensateSP, true}, {m_compensationNP, true},
-        {m_referenceNP, true},   {m_identityTP, true},    {m_batteryNP, m_hasBattery}, {m_chargingLP, m_hasBattery},
-        {m_ledSP, m_hasLed},     {m_beepSP, m_hasBeep}};
+        {m_temperatureNP, m_hasTemperature}, {m_compensateSP, true},   {m_compensationNP, true},
+        {m_referenceNP, true},               {m_identityTP, true},     {m_batteryNP, now.battery.has_value()},
+        {m_chargingLP, now.battery.has_value()}, {m_ledSP, now.led.has_value()}, {m_beepSP, now.beep.has_value()}};
     for (auto [property, shown] : own) {
         if (isConnected() && shown)
             defineProperty(property);
@@ -166,8 +209,10 @@ bool ZorFocuser::updateProperties()
     }
     // The saved configuration (compensation, presets, ...) applies from the
     // connect on, but for the settings the focuser itself holds.
-    if (isConnected() && m_adoptingSettings)
+    if (isConnected() && m_adoptingSettings) {
         loadConfig(true);
+        applyCompensation();
+    }
     return true;
 }
 
@@ -175,7 +220,7 @@ bool ZorFocuser::ISNewText(const char *dev, const char *name, char *texts[], cha
 {
     if (dev && !strcmp(dev, getDeviceName()) && m_chosenTP.isNameMatch(name)) {
         const bool unchanged = n == 1 && texts[0] && choice() == texts[0];
-        if (isConnected() && !unchanged) {
+        if ((isConnected() || m_connecting) && !unchanged) {
             m_chosenTP.setState(IPS_ALERT);
             m_chosenTP.apply("Disconnect before choosing another focuser.");
             return true;
@@ -183,7 +228,8 @@ bool ZorFocuser::ISNewText(const char *dev, const char *name, char *texts[], cha
         m_chosenTP.update(texts, names, n);
         m_chosenTP.setState(IPS_OK);
         m_chosenTP.apply();
-        defineChoiceProperties();
+        if (isInitializationComplete())
+            defineChoiceProperties();
         if (!isConfigLoading())
             saveConfig(true, m_chosenTP.getName()); // the same focuser next time
         return true;
@@ -195,10 +241,17 @@ bool ZorFocuser::ISNewSwitch(const char *dev, const char *name, ISState *states,
 {
     if (!dev || strcmp(dev, getDeviceName()) != 0)
         return false;
+    if (!strcmp(name, "CONNECTION")) {
+        const char *picked = IUFindOnSwitchName(states, names, n);
+        if (picked && !strcmp(picked, "CONNECT"))
+            startConnect();
+        else if (picked && !strcmp(picked, "DISCONNECT"))
+            startDisconnect();
+        return true;
+    }
     if (m_foundSP.isNameMatch(name)) {
         const char *picked = IUFindOnSwitchName(states, names, n);
-        const auto &found = FocuserCatalog::instance().found();
-        for (const FoundFocuser &f : found)
+        for (const auto &f : m_listed)
             if (picked && elementName(f.key) == picked) {
                 char *text[] = {const_cast<char *>(f.key.c_str())};
                 char *key[] = {const_cast<char *>("KEY")};
@@ -208,7 +261,7 @@ bool ZorFocuser::ISNewSwitch(const char *dev, const char *name, ISState *states,
     }
     if (m_scanSP.isNameMatch(name)) {
         const char *picked = IUFindOnSwitchName(states, names, n);
-        if (picked)
+        if (picked && m_scanSP.getState() != IPS_BUSY)
             scan(!strcmp(picked, "BLUETOOTH"));
         return true;
     }
@@ -216,13 +269,13 @@ bool ZorFocuser::ISNewSwitch(const char *dev, const char *name, ISState *states,
         m_compensateSP.update(states, names, n);
         m_compensateSP.setState(IPS_OK);
         m_compensateSP.apply();
-        restartCompensation();
+        applyCompensation();
         return true;
     }
     if (m_ledSP.isNameMatch(name))
-        return applyOnOff(m_ledSP, states, names, n, ZORSetLedState, "switching the LED");
+        return applyOnOff(m_ledSP, states, names, n, &zorservice::Focuser::setLed, "switching the LED");
     if (m_beepSP.isNameMatch(name))
-        return applyOnOff(m_beepSP, states, names, n, ZORSetBeep, "switching the beep");
+        return applyOnOff(m_beepSP, states, names, n, &zorservice::Focuser::setBeep, "switching the beep");
     if (skipsSavedSetting(name))
         return true;
     return INDI::Focuser::ISNewSwitch(dev, name, states, names, n);
@@ -236,11 +289,15 @@ bool ZorFocuser::ISNewNumber(const char *dev, const char *name, double values[],
         m_compensationNP.update(values, names, n);
         m_compensationNP.setState(IPS_OK);
         m_compensationNP.apply();
+        applyCompensation();
         return true;
     }
     if (skipsSavedSetting(name))
         return true;
-    return INDI::Focuser::ISNewNumber(dev, name, values, names, n);
+    const bool handled = INDI::Focuser::ISNewNumber(dev, name, values, names, n);
+    if (!strcmp(name, "POLLING_PERIOD") && m_focuser)
+        m_focuser->setPollInterval(std::chrono::milliseconds(getCurrentPollingPeriod()));
+    return handled;
 }
 
 // At connect the focuser's own maximum, reverse and backlash are the truth:
@@ -276,39 +333,48 @@ bool ZorFocuser::saveConfigItems(FILE *fp)
 }
 
 bool ZorFocuser::applyOnOff(INDI::PropertySwitch &property, ISState *states, char *names[], int n,
-                            ZOR_ERROR_CODE (*setter)(int, bool), const char *doing)
+                            void (zorservice::Focuser::*setter)(bool, zorservice::Done), const char *doing)
 {
+    if (!linkUp()) {
+        property.setState(IPS_ALERT);
+        property.apply("The focuser is not connected.");
+        return true;
+    }
     const bool wasOn = property.findOnSwitchIndex() == 0;
     property.update(states, names, n);
     const bool on = property.findOnSwitchIndex() == 0;
-    if (!succeeded(setter(m_id, on), doing)) {
-        showOnOff(property, wasOn);
-        property.setState(IPS_ALERT);
-    } else {
-        property.setState(IPS_OK);
-    }
+    property.setState(IPS_BUSY);
     property.apply();
+    ((*m_focuser).*setter)(on, onLoop([this, &property, wasOn, doing](int code) {
+        if (code != 0) {
+            showOnOff(property, wasOn);
+            LOGF_ERROR("Failed %s: %s.", doing, zorservice::resultText(code).c_str());
+        }
+        property.setState(code == 0 ? IPS_OK : IPS_ALERT);
+        property.apply();
+    }));
     return true;
 }
 
 void ZorFocuser::scan(bool overBluetooth)
 {
-    FocuserCatalog &catalog = FocuserCatalog::instance();
     m_scanSP.setState(IPS_BUSY);
-    m_scanSP.apply();
-    int code = ZOR_SUCCESS;
+    m_scanSP.apply(overBluetooth ? "Scanning for Bluetooth focusers..." : "Looking for USB focusers...");
+    auto shown = [this, overBluetooth](int code) {
+        if (!overBluetooth)
+            for (const std::string &problem : m_service.problems())
+                LOGF_WARN("%s.", problem.c_str());
+        m_scanSP.reset();
+        m_scanSP.setState(code == 0 ? IPS_OK : IPS_ALERT);
+        if (code != 0)
+            m_scanSP.apply("Scanning failed: %s", zorservice::resultText(code).c_str());
+        else
+            m_scanSP.apply("%zu focuser(s) found.", m_service.catalogue().size());
+    };
     if (overBluetooth)
-        code = catalog.scanBluetooth(kBluetoothScanMs);
+        m_service.scanBluetooth(kBluetoothScan, onLoop(shown));
     else
-        for (const std::string &problem : catalog.rescanUsb())
-            LOGF_WARN("%s.", problem.c_str());
-    m_scanSP.reset();
-    m_scanSP.setState(code == ZOR_SUCCESS ? IPS_OK : IPS_ALERT);
-    if (code != ZOR_SUCCESS)
-        m_scanSP.apply("Scanning failed: %s", resultText(code).c_str());
-    else
-        m_scanSP.apply("%zu focuser(s) found.", catalog.found().size());
-    m_onListChanged();
+        m_service.rescanUsb(onLoop(shown));
 }
 
 } // namespace zorindi

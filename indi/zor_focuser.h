@@ -1,11 +1,12 @@
-// One INDI focuser device, driving one ZOR focuser through the library's
-// public interface. The driver process holds several of these (one per
-// focuser), each under its own device name.
+// One INDI focuser device, an adapter over one focuser of the focuser
+// service: a client's changes become commands to the focuser's worker, and
+// the snapshots it publishes become properties. Everything here runs on
+// libindi's event loop and returns at once; results come back through the
+// LoopBridge. The driver process holds several of these, each under its own
+// device name.
 #pragma once
 
-#include "temperature_compensation.h"
-
-#include "ZOR_focuser.h"
+#include "focuser_service.h"
 
 #include <libindi/indifocuser.h>
 #include <libindi/indipropertylight.h>
@@ -13,8 +14,9 @@
 #include <libindi/indipropertyswitch.h>
 #include <libindi/indipropertytext.h>
 
+#include <atomic>
 #include <functional>
-#include <optional>
+#include <memory>
 #include <string>
 
 namespace zorindi {
@@ -25,11 +27,9 @@ void showOnOff(ISwitch (&pair)[2], bool on);
 
 class ZorFocuser : public INDI::Focuser {
   public:
-    // `firstChoice`: the focuser this device picks until the user or the
-    // saved configuration picks another. `onListChanged` is told after a
-    // scan found focusers, so the driver can offer a device for each.
-    ZorFocuser(const std::string &deviceName, const std::string &firstChoice,
-               std::function<void()> onListChanged);
+    // `holder` answers which other device is connected to a focuser, if any.
+    ZorFocuser(zorservice::Service &service, const std::string &deviceName,
+               std::function<std::string(const std::string &key, const ZorFocuser *asking)> holder);
     ~ZorFocuser() override;
 
     const char *getDefaultName() override { return "ZOR Focuser"; }
@@ -40,14 +40,15 @@ class ZorFocuser : public INDI::Focuser {
     bool ISNewSwitch(const char *dev, const char *name, ISState *states, char *names[], int n) override;
     bool ISNewText(const char *dev, const char *name, char *texts[], char *names[], int n) override;
 
-    // Rebuilds the list of focusers offered (after any device's scan).
-    void refreshChoices();
+    // Shows the catalogue's focusers again where it changed; a connect that
+    // waited for the first list goes on.
+    void catalogueChanged();
     std::string choice() const;
+    void choose(const std::string &key); // a default choice: not saved
+    // Connected or connecting: the focuser is this device's.
+    bool holds(const std::string &key) const;
 
   protected:
-    bool Connect() override;
-    bool Disconnect() override;
-    void TimerHit() override;
     bool saveConfigItems(FILE *fp) override;
     bool loadConfig(bool silent = false, const char *property = nullptr) override;
 
@@ -61,46 +62,46 @@ class ZorFocuser : public INDI::Focuser {
     bool SetFocuserBacklashEnabled(bool enabled) override;
 
   private:
-    struct Status {
-        int position = 0;
-        bool moving = false;
-        bool handMoving = false;
-        std::optional<double> temperature; // none without a probe reading
-    };
+    // zor_focuser_link.cpp: connecting, and showing what the service publishes.
+    void startConnect();
+    void connectDone(int code);
+    void startDisconnect();
+    void showSnapshot();
+    void showLinkChange(const zorservice::Snapshot &now);
+    void showMotion(const zorservice::Snapshot &now);
+    void showLimits(const zorservice::Snapshot &now);
+    void showSettings(const zorservice::Snapshot &now);
+    void showTemperature(const zorservice::Snapshot &now);
+    void showBattery(const zorservice::Snapshot &now);
+    void showCompensation(const zorservice::Snapshot &now);
 
-    // zor_focuser_link.cpp: reaching the focuser, losing and regaining it.
-    bool openChosen();
-    void adoptDeviceSettings();
-    void readIdentity();
-    int readBattery();
-    int readStatus(Status &status);
-    bool succeeded(int code, const char *doing);
-    void markLost(int code, const char *doing);
-    void tryReconnect();
+    // zor_focuser_motion.cpp: what a command's outcome shows.
+    zorservice::Done onLoop(std::function<void(int code)> shown);
+    void moveStarted(INumberVectorProperty &property, int code);
+    void reportFailure(INumberVectorProperty &property, int code, const char *doing);
+    void reportFailure(ISwitchVectorProperty &property, int code, const char *doing);
+    void applyCompensation();
+    bool linkUp() const;
 
-    // zor_focuser_state.cpp: what the poll shows, and temperature compensation.
-    void showStatus(const Status &status);
-    void showTemperature(std::optional<double> celsius);
-    void compensateTemperature(const Status &status);
-    int move(int target);
-    void restartCompensation();
-    void showReference();
-
-    bool bluetooth() const;
     void defineChoiceProperties();
     void scan(bool bluetooth);
     bool applyOnOff(INDI::PropertySwitch &property, ISState *states, char *names[], int n,
-                    ZOR_ERROR_CODE (*setter)(int, bool), const char *doing);
+                    void (zorservice::Focuser::*setter)(bool, zorservice::Done), const char *doing);
     bool skipsSavedSetting(const char *name);
 
-    std::function<void()> m_onListChanged;
-    int m_id = -1;
-    bool m_lost = false;
+    zorservice::Service &m_service;
+    std::function<std::string(const std::string &, const ZorFocuser *)> m_holder;
+    std::shared_ptr<zorservice::Focuser> m_focuser; // set at connect
+    std::shared_ptr<std::atomic<bool>> m_refreshPending = std::make_shared<std::atomic<bool>>(false);
+    zorservice::Snapshot m_shown;                   // what the properties show
+    bool m_connecting = false;
+    bool m_catalogueKnown = false; // the first USB enumeration is in
+    bool m_connectWaits = false;   // a connect waits for it, to choose a focuser
+    int m_movesPending = 0; // moves sent that the worker has not started yet
     bool m_adoptingSettings = false; // the configuration loaded at connect does not override the focuser
     bool m_choiceLoaded = false;     // the saved choice of focuser was read
-    int m_pollsSinceBattery = 0;
-    int m_pollsSinceReconnect = 0;
-    TemperatureCompensation m_compensation;
+    bool m_hasTemperature = false;
+    std::vector<zorservice::CatalogueEntry> m_listed; // what ZOR_FOCUSERS shows
 
     INDI::PropertyText m_chosenTP{1};         // ZOR_FOCUSER.KEY: the focuser to connect
     INDI::PropertySwitch m_foundSP{0};        // ZOR_FOCUSERS: the focusers found, one to pick
@@ -108,15 +109,12 @@ class ZorFocuser : public INDI::Focuser {
     INDI::PropertyText m_identityTP{5};       // ZOR_IDENTITY
     INDI::PropertyNumber m_temperatureNP{1};  // FOCUS_TEMPERATURE.TEMPERATURE
     INDI::PropertySwitch m_compensateSP{2};   // TEMP_COMPENSATION: ENABLE, DISABLE
-    INDI::PropertyNumber m_compensationNP{2}; // TEMP_COMPENSATION_SETTINGS
+    INDI::PropertyNumber m_compensationNP{3}; // TEMP_COMPENSATION_SETTINGS
     INDI::PropertyNumber m_referenceNP{1};    // TEMP_COMPENSATION_REFERENCE: where focus was set
     INDI::PropertyNumber m_batteryNP{1};      // ZOR_BATTERY.LEVEL
     INDI::PropertyLight m_chargingLP{1};      // ZOR_CHARGING.CHARGING
     INDI::PropertySwitch m_ledSP{2};          // ZOR_LED: ON, OFF
     INDI::PropertySwitch m_beepSP{2};         // ZOR_BEEP: ON, OFF
-    bool m_hasBattery = false;
-    bool m_hasLed = false;
-    bool m_hasBeep = false;
 };
 
 } // namespace zorindi

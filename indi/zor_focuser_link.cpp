@@ -1,231 +1,271 @@
-// Reaching the focuser: connecting, reading what it is and how it is set,
-// polling it, and losing and regaining it without a restart of the server.
+// Connecting and disconnecting, and what each snapshot of the focuser's
+// worker shows: position and motion, a lost and regained link, limits,
+// settings, temperature, battery and compensation.
 #include "zor_focuser.h"
 
-#include "focuser_catalog.h"
+#include "loop_bridge.h"
 
 #include <libindi/indilogger.h>
+
+#include <cmath>
 
 namespace zorindi {
 namespace {
 
-constexpr int kPollsPerBatteryRead = 60;  // every 30 s at the default period
-constexpr int kPollsPerReconnectTry = 2;  // about once a second
+using zorservice::Link;
+using zorservice::Snapshot;
 
-// Codes after which the handle is no use: the device went away (4), a
-// transfer failed (7), or the Bluetooth link is gone.
-bool linkIsGone(int code)
-{
-    switch (code) {
-    case ZOR_ERROR_REMOVED:
-    case ZOR_ERROR_GENERAL_ERROR:
-    case ZOR_ERROR_CLOSED:
-    case ZOR_ERROR_BLE_SEND:
-    case ZOR_ERROR_BLE_NOT_CONNECTED:
-    case ZOR_ERROR_BLE_TIMEOUT:
-        return true;
-    default:
-        return false;
-    }
-}
-
-std::string firmwareText(int id)
-{
-    unsigned char major = 0, minor = 0, build = 0;
-    if (ZORGetFirmwareVersion(id, &major, &minor, &build) != ZOR_SUCCESS)
-        return "";
-    return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(build);
-}
+// The smallest change of temperature worth sending to clients.
+constexpr double kTemperatureResolution = 0.05;
 
 } // namespace
 
-bool ZorFocuser::Connect()
-{
-    if (!openChosen())
-        return false;
-    m_lost = false;
-    readIdentity();
-    adoptDeviceSettings();
-    m_adoptingSettings = true;
-    SetTimer(getCurrentPollingPeriod());
-    return true;
-}
+bool ZorFocuser::linkUp() const { return m_focuser && m_shown.link == Link::Connected; }
 
-bool ZorFocuser::Disconnect()
+// CONNECTION is Busy while the worker connects; the event loop goes on.
+void ZorFocuser::startConnect()
 {
-    FocuserCatalog::instance().close(choice());
-    m_id = -1;
-    m_lost = false;
-    restartCompensation();
-    LOG_INFO("Disconnected from the focuser.");
-    return true;
-}
-
-bool ZorFocuser::openChosen()
-{
-    const std::string problem = FocuserCatalog::instance().open(choice(), getDeviceName(), m_id);
+    if (isConnected() || m_connecting)
+        return;
+    const std::string key = choice();
+    if (key.empty() && !m_catalogueKnown) { // the driver has just started: its default choice is coming
+        m_connectWaits = true;
+        auto connection = getSwitch("CONNECTION");
+        connection.setState(IPS_BUSY);
+        connection.apply("Looking for focusers...");
+        return;
+    }
+    std::string problem = key.empty() ? "no focuser is chosen" : m_holder(key, this);
     if (!problem.empty()) {
         LOGF_ERROR("Cannot connect: %s.", problem.c_str());
-        return false;
+        setConnected(false, IPS_ALERT);
+        return;
     }
-    LOGF_INFO("Connected to %s.", choice().c_str());
-    return true;
+    if (m_focuser && m_focuser->key() != key)
+        m_focuser->setListener({});
+    m_focuser = m_service.focuser(key);
+    m_focuser->setPollInterval(std::chrono::milliseconds(getCurrentPollingPeriod()));
+    // Many snapshots may come between two turns of the loop: one refresh shows the last.
+    m_focuser->setListener([pending = m_refreshPending, this] {
+        if (!pending->exchange(true))
+            LoopBridge::instance().post([pending, this] {
+                pending->store(false);
+                showSnapshot();
+            });
+    });
+    m_connecting = true;
+    auto connection = getSwitch("CONNECTION");
+    connection.setState(IPS_BUSY);
+    connection.apply("Connecting to %s...", key.c_str());
+    m_focuser->connect(onLoop([this](int code) { connectDone(code); }));
 }
 
-// What the focuser holds is what the device shows at connect.
-void ZorFocuser::adoptDeviceSettings()
+void ZorFocuser::connectDone(int code)
 {
-    int range = 0, maxStep = 0, backlash = 0, position = 0;
-    bool reverse = false;
-    if (ZORStepRange(m_id, &range) == ZOR_SUCCESS && range > 0)
-        FocusMaxPosN[0].max = range;
-    if (ZORGetMaxStep(m_id, &maxStep) == ZOR_SUCCESS && maxStep > 0) {
-        FocusMaxPosN[0].value = maxStep;
-        FocusAbsPosN[0].max = FocusRelPosN[0].max = FocusSyncN[0].max = maxStep;
+    m_connecting = false;
+    if (code != 0) {
+        const Snapshot now = m_focuser->snapshot();
+        LOGF_ERROR("Cannot connect: %s.",
+                   now.lastErrorText.empty() ? zorservice::resultText(code).c_str() : now.lastErrorText.c_str());
+        setConnected(false, IPS_ALERT);
+        return;
     }
-    if (ZORGetPosition(m_id, &position) == ZOR_SUCCESS)
-        FocusAbsPosN[0].value = position;
-    if (ZORGetReverse(m_id, &reverse) == ZOR_SUCCESS)
-        showOnOff(FocusReverseS, reverse);
-    if (ZORGetBacklash(m_id, &backlash) == ZOR_SUCCESS) {
-        showOnOff(FocusBacklashS, backlash > 0);
-        if (backlash > 0)
-            FocusBacklashN[0].value = backlash;
+    m_shown = m_focuser->snapshot();
+    m_hasTemperature = m_shown.temperature.has_value();
+    m_temperatureNP[0].setValue(m_shown.temperature.value_or(0));
+    m_temperatureNP.setState(IPS_OK);
+    m_batteryNP[0].setValue(m_shown.battery.value_or(0));
+    m_batteryNP.setState(IPS_OK);
+    m_chargingLP[0].setState(m_shown.charging ? IPS_OK : IPS_IDLE);
+    showSettings(m_shown);
+    showLimits(m_shown);
+    FocusAbsPosN[0].value = m_shown.position;
+    FocusAbsPosNP.s = m_shown.moving ? IPS_BUSY : IPS_OK;
+    FocusRelPosNP.s = IPS_OK;
+    m_adoptingSettings = true;
+    setConnected(true, IPS_OK);
+    updateProperties();
+    LOGF_INFO("Connected to %s.", choice().c_str());
+    LOGF_INFO("The focuser's settings: maximum %d, %s, backlash %d steps.", m_shown.maxStep,
+              m_shown.reverse ? "reversed" : "not reversed", m_shown.backlash);
+    showSnapshot();
+}
+
+void ZorFocuser::startDisconnect()
+{
+    if (m_focuser) {
+        m_focuser->setListener({});
+        m_focuser->disconnect();
     }
-    FocusAbsPosNP.s = FocusRelPosNP.s = FocusMaxPosNP.s = IPS_OK;
-    if (isConnected()) { // regained after a loss: tell the clients
-        IUUpdateMinMax(&FocusAbsPosNP);
+    m_connecting = m_connectWaits = false;
+    m_shown = Snapshot();
+    setConnected(false, IPS_IDLE);
+    updateProperties();
+    LOG_INFO("Disconnected from the focuser.");
+}
+
+void ZorFocuser::showSnapshot()
+{
+    if (!isConnected() || !m_focuser)
+        return;
+    const Snapshot now = m_focuser->snapshot();
+    if (now.sequence == m_shown.sequence)
+        return;
+    if (now.link != m_shown.link)
+        showLinkChange(now);
+    if (now.link == Link::Connected) {
+        showMotion(now);
+        showLimits(now);
+        showSettings(now);
+        showTemperature(now);
+        showBattery(now);
+    }
+    showCompensation(now);
+    m_shown = now;
+}
+
+// A lost link is Alert at once on both moves, never a move left Busy; the
+// worker reconnects with backoff and the properties come back by themselves.
+void ZorFocuser::showLinkChange(const Snapshot &now)
+{
+    if (now.link == Link::Lost) {
+        LOGF_ERROR("%s. Reconnecting when it is back.",
+                   now.lastErrorText.empty() ? "Lost the focuser's link" : now.lastErrorText.c_str());
+        for (INumberVectorProperty *p : {&FocusAbsPosNP, &FocusRelPosNP}) {
+            p->s = IPS_ALERT;
+            IDSetNumber(p, nullptr);
+        }
+        if (m_hasTemperature) {
+            m_temperatureNP.setState(IPS_ALERT);
+            m_temperatureNP.apply();
+        }
+    } else if (now.link == Link::Connected && m_shown.link == Link::Lost) {
+        LOGF_INFO("Reconnected to %s.", choice().c_str());
+        FocusAbsPosNP.s = now.moving ? IPS_BUSY : IPS_OK;
+        FocusRelPosNP.s = IPS_OK;
         IDSetNumber(&FocusAbsPosNP, nullptr);
         IDSetNumber(&FocusRelPosNP, nullptr);
-        IDSetNumber(&FocusMaxPosNP, nullptr);
-        IDSetSwitch(&FocusReverseSP, nullptr);
-        IDSetSwitch(&FocusBacklashSP, nullptr);
-        IDSetNumber(&FocusBacklashNP, nullptr);
     }
-    LOGF_INFO("The focuser's settings: maximum %d, %s, backlash %d steps.", maxStep,
-              reverse ? "reversed" : "not reversed", backlash);
 }
 
-void ZorFocuser::readIdentity()
+void ZorFocuser::showMotion(const Snapshot &now)
 {
-    ZOR_TYPE type{};
-    ZOR_SN serial{};
-    ZOR_INFO info{};
-    ZORGetType(m_id, &type);
-    const bool hasSerial = ZORGetSerialNumber(m_id, &serial) == ZOR_SUCCESS;
-    ZORGetProperty(m_id, &info);
-    const std::string name = textOf(info.Name, sizeof info.Name);
-    const auto open = name.find('(');
-    m_identityTP[0].setText(firmwareText(m_id));
-    m_identityTP[1].setText(textOf(type.Type, sizeof type.Type));
-    m_identityTP[2].setText(hasSerial ? serialText(serial) : "");
-    m_identityTP[3].setText(open == std::string::npos ? "" : name.substr(open + 1, name.size() - open - 2));
-    m_identityTP[4].setText(bluetooth() ? "Bluetooth" : "USB");
-    m_identityTP.setState(IPS_OK);
-
-    bool on = false;
-    m_hasLed = ZORGetLedState(m_id, &on) == ZOR_SUCCESS;
-    showOnOff(m_ledSP, on);
-    m_hasBeep = ZORGetBeep(m_id, &on) == ZOR_SUCCESS;
-    showOnOff(m_beepSP, on);
-    m_hasBattery = readBattery() == ZOR_SUCCESS;
+    const IPState before = FocusAbsPosNP.s;
+    if (now.moving)
+        FocusAbsPosNP.s = IPS_BUSY; // also a move from the hand controller or compensation
+    else if (before == IPS_BUSY && m_movesPending == 0)
+        FocusAbsPosNP.s = IPS_OK;
+    if (FocusAbsPosNP.s != before || FocusAbsPosN[0].value != now.position) {
+        FocusAbsPosN[0].value = now.position;
+        IDSetNumber(&FocusAbsPosNP, nullptr);
+    }
+    if (!now.moving && m_movesPending == 0 && FocusRelPosNP.s == IPS_BUSY) {
+        FocusRelPosNP.s = IPS_OK;
+        IDSetNumber(&FocusRelPosNP, nullptr);
+    }
 }
 
-int ZorFocuser::readBattery()
+// The maximum is bounded by the firmware's range; moves, syncs and presets
+// span the focuser's travel up to its maximum.
+void ZorFocuser::showLimits(const Snapshot &now)
 {
-    m_pollsSinceBattery = 0;
-    ZOR_BATTERY_INFO battery{};
-    const int code = ZORGetBatteryInfo(m_id, &battery);
-    m_batteryNP.setState(code == ZOR_SUCCESS ? IPS_OK : IPS_ALERT);
-    if (code == ZOR_SUCCESS) {
-        m_batteryNP[0].setValue(battery.battery_percentage);
-        m_chargingLP[0].setState(battery.battery_charge_curr > 0 ? IPS_OK : IPS_IDLE);
-    }
+    if (now.maxStep == m_shown.maxStep && now.stepRange == m_shown.stepRange && isConnected())
+        return;
+    if (now.stepRange > 0)
+        FocusMaxPosN[0].max = now.stepRange;
+    if (now.maxStep <= 0)
+        return;
+    FocusMaxPosN[0].value = now.maxStep;
+    FocusAbsPosN[0].max = FocusSyncN[0].max = FocusRelPosN[0].max = now.maxStep;
+    INDI::Focuser::SetFocuserMaxPosition(static_cast<uint32_t>(now.maxStep)); // the presets' limits
     if (isConnected()) {
-        m_batteryNP.apply();
-        m_chargingLP.apply();
+        IUUpdateMinMax(&FocusAbsPosNP);
+        IUUpdateMinMax(&FocusRelPosNP);
+        IUUpdateMinMax(&FocusSyncNP);
+        IUUpdateMinMax(&FocusMaxPosNP);
+        IDSetNumber(&FocusMaxPosNP, nullptr);
     }
-    return code;
 }
 
-// Over Bluetooth one exchange answers all of it; over USB each call reads
-// the focuser's status record.
-int ZorFocuser::readStatus(Status &status)
+void ZorFocuser::showSettings(const Snapshot &now)
 {
-    if (bluetooth()) {
-        ZOR_ALL_INFO all{};
-        const int code = ZORBLEgetAllInfo(m_id, &all);
-        status = {all.Position, all.IsMoving != 0, all.HandControlMoving != 0, all.Temperature};
-        return code;
+    const bool first = !isConnected();
+    if (first || now.reverse != m_shown.reverse) {
+        showOnOff(FocusReverseS, now.reverse);
+        if (!first)
+            IDSetSwitch(&FocusReverseSP, nullptr);
     }
-    int code = ZORGetPosition(m_id, &status.position);
-    if (code == ZOR_SUCCESS)
-        code = ZORIsMoving(m_id, &status.moving, &status.handMoving);
-    // The focuser answered just now: a failed temperature read means no
-    // probe (or no reading from it), not a lost focuser.
-    float celsius = 0;
-    if (code == ZOR_SUCCESS && ZORGetTemp(m_id, &celsius) == ZOR_SUCCESS)
-        status.temperature = celsius;
-    return code;
-}
-
-bool ZorFocuser::succeeded(int code, const char *doing)
-{
-    if (code == ZOR_SUCCESS)
-        return true;
-    if (linkIsGone(code))
-        markLost(code, doing);
-    else
-        LOGF_WARN("Failed %s: %s.", doing, resultText(code).c_str());
-    return false;
-}
-
-void ZorFocuser::markLost(int code, const char *doing)
-{
-    if (m_lost)
-        return;
-    m_lost = true;
-    m_pollsSinceReconnect = 0;
-    LOGF_ERROR("Lost the focuser while %s: %s. Reconnecting when it is back.", doing, resultText(code).c_str());
-    for (INumberVectorProperty *p : {&FocusAbsPosNP, &FocusRelPosNP}) {
-        p->s = IPS_ALERT;
-        IDSetNumber(p, nullptr);
-    }
-    m_temperatureNP.setState(IPS_ALERT);
-    m_temperatureNP.apply();
-}
-
-void ZorFocuser::tryReconnect()
-{
-    if (++m_pollsSinceReconnect < kPollsPerReconnectTry)
-        return;
-    m_pollsSinceReconnect = 0;
-    if (!FocuserCatalog::instance().open(choice(), getDeviceName(), m_id).empty())
-        return;
-    m_lost = false;
-    LOGF_INFO("Reconnected to %s.", choice().c_str());
-    adoptDeviceSettings();
-    m_temperatureNP.setState(IPS_OK);
-    m_temperatureNP.apply();
-}
-
-void ZorFocuser::TimerHit()
-{
-    if (!isConnected())
-        return;
-    m_adoptingSettings = false; // the connect, and its configuration, are over
-    if (m_lost) {
-        tryReconnect();
-    } else {
-        Status status;
-        if (succeeded(readStatus(status), "reading its state")) {
-            showStatus(status);
-            compensateTemperature(status);
+    if (first || now.backlash != m_shown.backlash) {
+        showOnOff(FocusBacklashS, now.backlash > 0);
+        if (now.backlash > 0)
+            FocusBacklashN[0].value = now.backlash;
+        if (!first) {
+            IDSetSwitch(&FocusBacklashSP, nullptr);
+            IDSetNumber(&FocusBacklashNP, nullptr);
         }
-        if (m_hasBattery && !m_lost && ++m_pollsSinceBattery >= kPollsPerBatteryRead)
-            readBattery();
     }
-    SetTimer(getCurrentPollingPeriod());
+    if (first || now.identity.serial != m_shown.identity.serial || now.identity.alias != m_shown.identity.alias) {
+        m_identityTP[0].setText(now.identity.firmware);
+        m_identityTP[1].setText(now.identity.model);
+        m_identityTP[2].setText(now.identity.serial);
+        m_identityTP[3].setText(now.identity.alias);
+        m_identityTP[4].setText(now.identity.transport == zorservice::Transport::Bluetooth ? "Bluetooth" : "USB");
+        m_identityTP.setState(IPS_OK);
+        if (!first)
+            m_identityTP.apply();
+    }
+    if (now.led)
+        showOnOff(m_ledSP, *now.led);
+    if (now.beep)
+        showOnOff(m_beepSP, *now.beep);
+}
+
+// FOCUS_TEMPERATURE exists only for a focuser with a probe reading, so a
+// client never takes a missing probe for a temperature.
+void ZorFocuser::showTemperature(const Snapshot &now)
+{
+    if (!now.temperature) {
+        if (m_hasTemperature && m_temperatureNP.getState() != IPS_ALERT) {
+            m_temperatureNP.setState(IPS_ALERT);
+            m_temperatureNP.apply("No reading from the temperature probe; is it plugged in?");
+        }
+        return;
+    }
+    if (!m_hasTemperature) { // a probe plugged in while connected
+        m_hasTemperature = true;
+        m_temperatureNP[0].setValue(*now.temperature);
+        m_temperatureNP.setState(IPS_OK);
+        defineProperty(m_temperatureNP);
+        return;
+    }
+    if (std::fabs(*now.temperature - m_temperatureNP[0].getValue()) >= kTemperatureResolution ||
+        m_temperatureNP.getState() != IPS_OK) {
+        m_temperatureNP[0].setValue(*now.temperature);
+        m_temperatureNP.setState(IPS_OK);
+        m_temperatureNP.apply();
+    }
+}
+
+void ZorFocuser::showBattery(const Snapshot &now)
+{
+    if (!now.battery || (now.battery == m_shown.battery && now.charging == m_shown.charging))
+        return;
+    m_batteryNP[0].setValue(*now.battery);
+    m_batteryNP.setState(IPS_OK);
+    m_chargingLP[0].setState(now.charging ? IPS_OK : IPS_IDLE);
+    m_batteryNP.apply();
+    m_chargingLP.apply();
+}
+
+void ZorFocuser::showCompensation(const Snapshot &now)
+{
+    if (now.compensating && !m_shown.compensating)
+        LOGF_INFO("Temperature %.2f °C: compensating, to %d.", now.temperature.value_or(0), now.target);
+    if (now.compensationReference == m_shown.compensationReference)
+        return;
+    m_referenceNP[0].setValue(now.compensationReference.value_or(0));
+    m_referenceNP.setState(now.compensationReference ? IPS_OK : IPS_IDLE);
+    m_referenceNP.apply();
 }
 
 } // namespace zorindi

@@ -1,72 +1,76 @@
-// Moves and motion settings, what each poll shows, and temperature
-// compensation.
+// Moves, motion settings and compensation: each a command to the focuser's
+// worker, whose outcome comes back to the event loop.
 #include "zor_focuser.h"
 
-#include "focuser_catalog.h"
+#include "loop_bridge.h"
 
 #include <libindi/indilogger.h>
 
-#include <algorithm>
-#include <cmath>
+#include <chrono>
 
 namespace zorindi {
-namespace {
 
-// The smallest change of temperature worth sending to clients.
-constexpr double kTemperatureResolution = 0.05;
-
-} // namespace
-
-int ZorFocuser::move(int target)
+zorservice::Done ZorFocuser::onLoop(std::function<void(int code)> shown)
 {
-    const int code = ZORMove(m_id, target);
-    if (!succeeded(code, "starting a move"))
-        return code;
-    FocusAbsPosNP.s = IPS_BUSY;
-    IDSetNumber(&FocusAbsPosNP, nullptr);
-    return code;
+    return [shown = std::move(shown)](int code) { LoopBridge::instance().post([shown, code] { shown(code); }); };
 }
 
-// Focus set by hand (a move, a sync, compensation switched on) is where
-// compensation starts again, from the temperature read once the focuser is
-// at rest.
-void ZorFocuser::restartCompensation()
+void ZorFocuser::reportFailure(INumberVectorProperty &property, int code, const char *doing)
 {
-    m_compensation.forget();
-    showReference();
+    if (code == 0)
+        return;
+    property.s = IPS_ALERT;
+    IDSetNumber(&property, "Failed %s: %s", doing, zorservice::resultText(code).c_str());
 }
 
-void ZorFocuser::showReference()
+void ZorFocuser::reportFailure(ISwitchVectorProperty &property, int code, const char *doing)
 {
-    const std::optional<double> reference = m_compensation.reference();
-    m_referenceNP[0].setValue(reference.value_or(0));
-    m_referenceNP.setState(reference ? IPS_OK : IPS_IDLE);
-    if (isConnected())
-        m_referenceNP.apply();
+    if (code == 0)
+        return;
+    property.s = IPS_ALERT;
+    IDSetSwitch(&property, "Failed %s: %s", doing, zorservice::resultText(code).c_str());
 }
 
+// A new target while the focuser moves is a retarget (the worker stops it
+// and moves again), not an error.
 IPState ZorFocuser::MoveAbsFocuser(uint32_t targetTicks)
 {
-    if (move(static_cast<int>(targetTicks)) != ZOR_SUCCESS)
+    if (!linkUp()) {
+        LOG_ERROR("The focuser's link is lost; the move waits for a reconnection.");
         return IPS_ALERT;
-    restartCompensation();
+    }
+    ++m_movesPending;
+    m_focuser->moveTo(static_cast<int>(targetTicks), onLoop([this](int code) { moveStarted(FocusAbsPosNP, code); }));
     return IPS_BUSY;
 }
 
 IPState ZorFocuser::MoveRelFocuser(FocusDirection dir, uint32_t ticks)
 {
-    const double step = dir == FOCUS_INWARD ? -static_cast<double>(ticks) : ticks;
-    const double target = std::clamp(FocusAbsPosN[0].value + step, 0.0, FocusAbsPosN[0].max);
-    if (move(static_cast<int>(target)) != ZOR_SUCCESS)
+    if (!linkUp()) {
+        LOG_ERROR("The focuser's link is lost; the move waits for a reconnection.");
         return IPS_ALERT;
-    restartCompensation();
+    }
+    const int steps = dir == FOCUS_INWARD ? -static_cast<int>(ticks) : static_cast<int>(ticks);
+    ++m_movesPending;
+    m_focuser->moveBy(steps, onLoop([this](int code) { moveStarted(FocusRelPosNP, code); }));
     return IPS_BUSY;
+}
+
+// Until the worker has taken a move, a snapshot at rest is from before it
+// and must not end the Busy that the move showed.
+void ZorFocuser::moveStarted(INumberVectorProperty &property, int code)
+{
+    --m_movesPending;
+    reportFailure(property, code, "starting a move");
+    if (code == 0 && isConnected() && m_focuser)
+        showMotion(m_focuser->snapshot());
 }
 
 bool ZorFocuser::AbortFocuser()
 {
-    if (!succeeded(ZORStop(m_id), "stopping"))
+    if (!linkUp())
         return false;
+    m_focuser->stop(onLoop([this](int code) { reportFailure(FocusAbortSP, code, "stopping"); }));
     FocusAbsPosNP.s = FocusRelPosNP.s = IPS_IDLE;
     IDSetNumber(&FocusAbsPosNP, nullptr);
     IDSetNumber(&FocusRelPosNP, nullptr);
@@ -75,27 +79,46 @@ bool ZorFocuser::AbortFocuser()
 
 bool ZorFocuser::SyncFocuser(uint32_t ticks)
 {
-    if (!succeeded(ZORResetPostion(m_id, static_cast<int>(ticks)), "setting the position"))
+    if (!linkUp())
         return false;
-    FocusAbsPosN[0].value = ticks;
-    IDSetNumber(&FocusAbsPosNP, nullptr);
-    restartCompensation();
+    m_focuser->sync(static_cast<int>(ticks),
+                    onLoop([this](int code) { reportFailure(FocusSyncNP, code, "setting the position"); }));
     return true;
 }
 
 bool ZorFocuser::ReverseFocuser(bool enabled)
 {
-    if (isConfigLoading())
-        LOGF_INFO("Configuration applied: motion %s.", enabled ? "reversed" : "not reversed");
-    return succeeded(ZORSetReverse(m_id, enabled), "setting the direction");
-}
-
-bool ZorFocuser::SetFocuserMaxPosition(uint32_t ticks)
-{
-    if (!succeeded(ZORSetMaxStep(m_id, static_cast<int>(ticks)), "setting the maximum step"))
+    if (!linkUp())
         return false;
     if (isConfigLoading())
+        LOGF_INFO("Configuration applied: motion %s.", enabled ? "reversed" : "not reversed");
+    m_focuser->setReverse(enabled,
+                          onLoop([this](int code) { reportFailure(FocusReverseSP, code, "setting the direction"); }));
+    return true;
+}
+
+// FOCUS_MAX is bounded by the firmware's range, and a maximum below the
+// position is refused (the focuser would stand outside its own travel):
+// move inside first.
+bool ZorFocuser::SetFocuserMaxPosition(uint32_t ticks)
+{
+    if (!linkUp())
+        return false;
+    const zorservice::Snapshot now = m_focuser->snapshot();
+    if (now.stepRange > 0 && ticks > static_cast<uint32_t>(now.stepRange)) {
+        LOGF_ERROR("The maximum step can be at most %d on this focuser.", now.stepRange);
+        return false;
+    }
+    if (ticks < static_cast<uint32_t>(now.position)) {
+        LOGF_ERROR("The maximum step %u is below the position %d; move the focuser inside it first.", ticks,
+                   now.position);
+        return false;
+    }
+    if (isConfigLoading())
         LOGF_INFO("Configuration applied: maximum step %u.", ticks);
+    m_focuser->setMaxStep(static_cast<int>(ticks), onLoop([this](int code) {
+                              reportFailure(FocusMaxPosNP, code, "setting the maximum step");
+                          }));
     return INDI::Focuser::SetFocuserMaxPosition(ticks);
 }
 
@@ -103,74 +126,45 @@ bool ZorFocuser::SetFocuserBacklash(int32_t steps)
 {
     if (FocusBacklashS[INDI_ENABLED].s != ISS_ON)
         return true; // kept for when backlash is switched on
+    if (!linkUp())
+        return false;
     if (isConfigLoading())
         LOGF_INFO("Configuration applied: backlash %d steps.", steps);
-    return succeeded(ZORSetBacklash(m_id, steps), "setting the backlash");
+    m_focuser->setBacklash(steps,
+                           onLoop([this](int code) { reportFailure(FocusBacklashNP, code, "setting the backlash"); }));
+    return true;
 }
 
 // The focuser has one backlash value: off is 0, on is the steps shown.
 bool ZorFocuser::SetFocuserBacklashEnabled(bool enabled)
 {
+    if (!linkUp())
+        return false;
     const int steps = enabled ? static_cast<int>(FocusBacklashN[0].value) : 0;
-    return succeeded(ZORSetBacklash(m_id, steps), "setting the backlash");
+    m_focuser->setBacklash(steps, onLoop([this](int code) {
+                               reportFailure(FocusBacklashSP, code, "setting the backlash");
+                           }));
+    return true;
 }
 
-void ZorFocuser::showStatus(const Status &status)
+// The compensation properties, handed to the focuser's worker, which
+// compensates only at rest and waits after each client's move.
+void ZorFocuser::applyCompensation()
 {
-    const bool busy = status.moving || status.handMoving;
-    const IPState before = FocusAbsPosNP.s;
-    const double position = FocusAbsPosN[0].value;
-    if (busy)
-        FocusAbsPosNP.s = IPS_BUSY; // also a move from the hand controller
-    else if (before == IPS_BUSY)
-        FocusAbsPosNP.s = IPS_OK;
-    FocusAbsPosN[0].value = status.position;
-    if (FocusAbsPosNP.s != before || position != status.position)
-        IDSetNumber(&FocusAbsPosNP, nullptr);
-    if (!busy && FocusRelPosNP.s == IPS_BUSY) {
-        FocusRelPosNP.s = IPS_OK;
-        IDSetNumber(&FocusRelPosNP, nullptr);
-    }
-    showTemperature(status.temperature);
-}
-
-void ZorFocuser::showTemperature(std::optional<double> celsius)
-{
-    if (!celsius) {
-        if (m_temperatureNP.getState() != IPS_ALERT) {
-            m_temperatureNP.setState(IPS_ALERT);
-            m_temperatureNP.apply("No reading from the temperature probe; is it plugged in?");
-        }
+    if (!m_focuser)
         return;
-    }
-    if (std::fabs(*celsius - m_temperatureNP[0].getValue()) >= kTemperatureResolution ||
-        m_temperatureNP.getState() != IPS_OK) {
-        m_temperatureNP[0].setValue(*celsius);
-        m_temperatureNP.setState(IPS_OK);
-        m_temperatureNP.apply();
-    }
-}
-
-// Only a focuser at rest is compensated, so a move of the user's or of the
-// hand controller is never changed under it.
-void ZorFocuser::compensateTemperature(const Status &status)
-{
-    if (m_compensateSP.findOnSwitchIndex() != 0 || status.moving || status.handMoving || !status.temperature)
-        return;
-    const double celsius = *status.temperature;
-    if (!m_compensation.reference()) {
-        m_compensation.setReference(celsius);
-        showReference();
-        return;
-    }
-    const int steps =
-        m_compensation.stepsDue(celsius, m_compensationNP[0].getValue(), m_compensationNP[1].getValue());
-    if (steps == 0)
-        return;
-    showReference();
-    const int target = std::clamp(status.position + steps, 0, static_cast<int>(FocusAbsPosN[0].max));
-    LOGF_INFO("Temperature %.2f °C: compensating by %d steps, to %d.", celsius, steps, target);
-    move(target);
+    zorservice::CompensationSettings settings;
+    settings.enabled = m_compensateSP.findOnSwitchIndex() == 0;
+    settings.stepsPerDegree = m_compensationNP[0].getValue();
+    settings.threshold = m_compensationNP[1].getValue();
+    settings.settle = std::chrono::seconds(static_cast<long>(m_compensationNP[2].getValue()));
+    m_focuser->setCompensation(settings, onLoop([this](int code) {
+                                   if (code != 0) {
+                                       m_compensationNP.setState(IPS_ALERT);
+                                       m_compensationNP.apply("Compensation not applied: %s",
+                                                              zorservice::resultText(code).c_str());
+                                   }
+                               }));
 }
 
 } // namespace zorindi

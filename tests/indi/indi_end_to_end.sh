@@ -166,7 +166,7 @@ usb_case() {
   # Temperature compensation on the second focuser: -3 °C at 10 steps per
   # degree (threshold 1 °C) moves it 30 steps in.
   move_to "$F2" 40000
-  setp "$F2.TEMP_COMPENSATION_SETTINGS.STEPS_PER_DEGREE;THRESHOLD=10;1"
+  setp "$F2.TEMP_COMPENSATION_SETTINGS.STEPS_PER_DEGREE;THRESHOLD;SETTLE=10;1;0"
   setp "$F2.TEMP_COMPENSATION.ENABLE=On"
   await "\"$F2.TEMP_COMPENSATION_REFERENCE._STATE\"==$OK && abs(\"$F2.TEMP_COMPENSATION_REFERENCE.REFERENCE\"-20)<0.05"
   sim temperature 1 19.5
@@ -200,8 +200,10 @@ chained_case() {
   port=$port_relay
   connect "$F1"
   move_to "$F1" 30300
-  # Without a probe the temperature is Alert, and the focuser stays connected.
-  await "\"$F1.FOCUS_TEMPERATURE._STATE\"==$ALERT"
+  # Without a probe there is no temperature to offer, and the focuser stays connected.
+  sleep 1
+  [ -z "$(timeout 10 indi_getprop -p "$port" -t 1 "$F1.FOCUS_TEMPERATURE.*" 2>/dev/null)" ] ||
+    fail "FOCUS_TEMPERATURE shown for a focuser without a probe"
   ! grep -q "Lost the focuser" "$work"/main.messages/* || fail "a missing probe was taken for a lost focuser"
   port=$port_main
   expect_eq "$(getp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 30300 "position on the first server"
