@@ -6,11 +6,14 @@
 #
 #   indi_end_to_end.sh CASE DRIVER PRELOAD ZORCTL BLUEZ_SIM BUS_SCRIPT
 #
-# CASE is usb (two focusers, every control, temperature compensation, the
-# saved configuration, hand controller, unplug and return), chained (a
-# second server relays the first; a focuser without a probe; a second
-# driver finds the focuser in use) or bluetooth (a virtual Bluetooth focuser
-# on a private bus: scan, connect, move, battery).
+# CASE is usb (two focusers, every control, a retarget, the limits of the
+# maximum, temperature compensation, the saved configuration, hand
+# controller, unplug and return), chained (a second server relays the
+# first; a focuser without a probe; a second driver finds the focuser in
+# use), restart (two focusers keep their device across a restart of the
+# driver) or bluetooth (virtual Bluetooth focusers on a private bus beside a
+# USB focuser: scan, a connect that fails, connect, battery, a link dropped
+# during a move and regained, while the USB focuser's updates keep coming).
 set -euo pipefail
 case_name=$1 driver=$2 preload=$3 zorctl=$4 bluez_sim=$5 bus_script=$6
 
@@ -96,6 +99,29 @@ move_to() { # DEVICE STEP
   await "\"$1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==$2 && \"$1.ABS_FOCUS_POSITION._STATE\"==$OK"
 }
 
+# The largest gap between two updates of DEVICE's position while COMMAND...
+# runs (the focuser should be moving). Prints the figure; fails only when
+# the updates stopped for good (several seconds), since timing is not what
+# these tests measure.
+gaps_during() { # DEVICE LABEL COMMAND...
+  local device=$1 label=$2; shift 2
+  local stop=$work/gaps.stop
+  rm -f "$stop"
+  python3 "$(dirname "$0")/update_gaps.py" "$port" "$device" ABS_FOCUS_POSITION "$stop" >"$work/gaps.out" &
+  local recorder=$!
+  sleep 0.5
+  "$@"
+  touch "$stop"
+  wait "$recorder"
+  echo "update gap of $device during $label: $(cat "$work/gaps.out")"
+  local ms; ms=$(sed -n 's/^largest gap \([0-9]*\) ms.*/\1/p' "$work/gaps.out")
+  [ -n "$ms" ] && (( ms < 3000 )) || fail "$device's updates stopped during $label: $(cat "$work/gaps.out")"
+}
+
+# Milliseconds since the epoch, and since such a time.
+now() { date +%s%3N; }
+elapsed_ms() { echo $(( $(now) - $1 )); }
+
 check_server_log() {
   if grep -E "Sanitizer|runtime error|Segmentation|Aborted|terminate called|died|restart" "$work"/*.log; then
     fail "the server log shows a driver failure"
@@ -129,6 +155,15 @@ usb_case() {
   stopped=$(sim_field 0 position)
   (( stopped > 30500 && stopped < 60000 )) || fail "abort: stopped at $stopped"
 
+  # A new target while moving: the focuser stops and goes there, no Alert.
+  setp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=70000"
+  await "\"$F1.ABS_FOCUS_POSITION._STATE\"==$BUSY"
+  await_sim 0 moving 1
+  setp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=31500"
+  await "\"$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==31500 && \"$F1.ABS_FOCUS_POSITION._STATE\"==$OK"
+  expect_eq "$(sim_field 0 position)" 31500 "position after the retarget"
+  ! grep -q "Failed starting a move" "$work"/main.messages/* || fail "a retarget gave an Alert"
+
   # Sync, reverse, backlash (switched on, then its steps), maximum.
   setp "$F1.FOCUS_SYNC.FOCUS_SYNC_VALUE=12345"
   await_sim 0 position 12345
@@ -138,6 +173,20 @@ usb_case() {
   setp "$F1.FOCUS_BACKLASH_TOGGLE.INDI_ENABLED=On"
   setp "$F1.FOCUS_BACKLASH_STEPS.FOCUS_BACKLASH_VALUE=40"
   await_sim 0 backlash 40
+  setp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE=50000"
+  await_sim 0 max 50000
+  # The maximum: never below the position (12345), never beyond the
+  # firmware's range (600000); presets span the whole travel.
+  for refused in 10000 700000; do
+    setp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE=$refused"
+    await "\"$F1.FOCUS_MAX._STATE\"==$ALERT"
+    expect_eq "$(sim_field 0 max)" 50000 "maximum after asking for $refused"
+    expect_eq "$(getp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE")" 50000 "maximum shown after asking for $refused"
+  done
+  setp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE=600000"
+  await_sim 0 max 600000
+  setp "$F1.Presets.PRESET_1=550000"
+  await "\"$F1.Presets.PRESET_1\"==550000"
   setp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE=50000"
   await_sim 0 max 50000
 
@@ -218,24 +267,99 @@ chained_case() {
   check_server_log
 }
 
-bluetooth_case() {
-  unset ZOR_SIM
-  ZOR_BLUEZ_SIM=$bluez_sim ZOR_BLE_SIM="pro@382/name=Garage/battery=77" "$bus_script" >"$work/bus.log" 2>&1 &
+# Virtual Bluetooth focusers on a private bus; sets DBUS_SYSTEM_BUS_ADDRESS.
+start_bluetooth() { # ZOR_BLE_SIM description
+  ZOR_BLUEZ_SIM=$bluez_sim ZOR_BLE_SIM="$1" "$bus_script" >"$work/bus.log" 2>&1 &
   pids+=("$!")
   for _ in $(seq 100); do grep -q '^DBUS_SYSTEM_BUS_ADDRESS=' "$work/bus.log" && break; sleep 0.1; done
   export DBUS_SYSTEM_BUS_ADDRESS=$(sed -n 's/^DBUS_SYSTEM_BUS_ADDRESS=//p' "$work/bus.log")
   [ -n "$DBUS_SYSTEM_BUS_ADDRESS" ] || fail "no private bus"
+}
+bluez_control() { # METHOD ARGUMENTS... (dbus-send's typed arguments)
+  dbus-send --bus="$DBUS_SYSTEM_BUS_ADDRESS" --print-reply --dest=com.zor.Sim /com/zor/Sim "com.zor.Sim.$1" "${@:2}" \
+    >/dev/null
+}
+
+bluetooth_case() {
+  export ZOR_SIM="pro/speed=1000"
+  start_bluetooth "pro@382/name=Garage/battery=77/speed=2000,pro@382/name=Shed"
   start_server main indi_zor_focuser
   port=$port_main
-  await "\"$F1.ZOR_SCAN._STATE\"==0"
-  setp "$F1.ZOR_SCAN.BLUETOOTH=On"
-  await "\"$F1.ZOR_SCAN._STATE\"==$OK"
-  setp "$F1.ZOR_FOCUSERS.ble:Garage=On"
-  await "\"$F1.ZOR_FOCUSER._STATE\"==$OK"
   connect "$F1"
-  expect_eq "$(getp "$F1.ZOR_IDENTITY.LINK")" Bluetooth "link"
-  expect_eq "$(getp "$F1.ZOR_BATTERY.LEVEL")" 77 "battery level"
-  move_to "$F1" 30250
+  expect_eq "$(getp "$F1.ZOR_IDENTITY.LINK")" USB "link of the first device"
+  # The USB focuser moves for the rest of the case; its position updates
+  # must keep coming while Bluetooth scans, connects and fails.
+  setp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=100000"
+  await "\"$F1.ABS_FOCUS_POSITION._STATE\"==$BUSY"
+
+  scan_bluetooth() {
+    setp "$F1.ZOR_SCAN.BLUETOOTH=On"
+    await "\"$F1.ZOR_SCAN._STATE\"==$OK"
+  }
+  gaps_during "$F1" "a Bluetooth scan" scan_bluetooth
+  # One device per focuser found, each with a focuser of its own.
+  await "\"$F2.ZOR_FOCUSER._STATE\"!=$ALERT && \"ZOR Focuser 3.CONNECTION.CONNECT\"==0"
+  setp "$F2.ZOR_FOCUSERS.ble:Garage=On"
+  setp "ZOR Focuser 3.ZOR_FOCUSERS.ble:Shed=On"
+
+  # A focuser that never completes its connection: CONNECTION stays Busy
+  # until the library gives up, then Alert; nothing else waits for it.
+  bluez_control SetFault string:Shed string:no-notify
+  failing_connect() {
+    setp "ZOR Focuser 3.CONNECTION.CONNECT=On"
+    await "\"ZOR Focuser 3.CONNECTION._STATE\"==$BUSY"
+    await "\"ZOR Focuser 3.CONNECTION._STATE\"==$ALERT"
+  }
+  gaps_during "$F1" "a failing Bluetooth connect" failing_connect
+
+  connect "$F2"
+  expect_eq "$(getp "$F2.ZOR_IDENTITY.LINK")" Bluetooth "link"
+  expect_eq "$(getp "$F2.ZOR_BATTERY.LEVEL")" 77 "battery level"
+  move_to "$F2" 30250
+
+  # The link drops during a move: Alert on both moves at once, never a move
+  # left Busy; the driver reconnects once the focuser is back.
+  setp "$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=90000"
+  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$BUSY"
+  drop_and_regain() {
+    local dropped; dropped=$(now)
+    bluez_control DropLink string:Garage
+    await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$ALERT && \"$F2.REL_FOCUS_POSITION._STATE\"==$ALERT" 5
+    echo "Alert $(elapsed_ms "$dropped") ms after the link dropped"
+    await "\"$F2.ABS_FOCUS_POSITION._STATE\"!=$ALERT" 60
+  }
+  gaps_during "$F1" "a dropped Bluetooth link and its recovery" drop_and_regain
+  grep -q "Reconnected to ble:Garage" "$work"/main.messages/* || fail "no reconnection logged"
+  regained=$(getp "$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")
+  move_to "$F2" $(( regained + 100 ))
+  check_server_log
+}
+
+# Two focusers keep their own device across a restart of the driver, each
+# device's choice saved; the first device is given the second focuser.
+restart_case() {
+  export ZOR_SIM="2*pro/speed=4000"
+  start_server main indi_zor_focuser
+  port=$port_main
+  await "\"$F2.CONNECTION.CONNECT\"==0"
+  first=$(getp "$F1.ZOR_FOCUSER.KEY") second=$(getp "$F2.ZOR_FOCUSER.KEY")
+  [ -n "$first" ] && [ -n "$second" ] && [ "$first" != "$second" ] || fail "default choices: $first, $second"
+  setp "$F1.ZOR_FOCUSER.KEY=$second"
+  await "\"$F1.ZOR_FOCUSER._STATE\"==$OK"
+  setp "$F2.ZOR_FOCUSER.KEY=$first"
+  connect "$F1"
+  connect "$F2"
+  move_to "$F1" 31000
+  move_to "$F2" 32000
+  kill "${pids[-1]}"; wait "${pids[-1]}" 2>/dev/null || true
+
+  start_server again indi_zor_focuser
+  port=$port_again
+  await "\"$F2.CONNECTION.CONNECT\"==0"
+  expect_eq "$(getp "$F1.ZOR_FOCUSER.KEY")" "$second" "first device's focuser after the restart"
+  expect_eq "$(getp "$F2.ZOR_FOCUSER.KEY")" "$first" "second device's focuser after the restart"
+  connect "$F1"
+  connect "$F2"
   check_server_log
 }
 
