@@ -98,6 +98,7 @@ class ZorFocuser : public INDI::Focuser {
     bool m_catalogueKnown = false; // the first USB enumeration is in
     bool m_connectWaits = false;   // a connect waits for it, to choose a focuser
     int m_movesPending = 0; // moves sent that the worker has not started yet
+    bool m_stopping = false; // aborted: not Busy again until it stands
     bool m_adoptingSettings = false; // the configuration loaded at connect does not override the focuser
     bool m_choiceLoaded = false;     // the saved choice of focuser was read
     bool m_hasTemperature = false;

@@ -62,6 +62,8 @@ void ZorFocuser::startConnect()
 
 void ZorFocuser::connectDone(int code)
 {
+    if (!m_connecting)
+        return; // disconnected meanwhile; the worker disconnects after connecting
     m_connecting = false;
     if (code != 0) {
         const Snapshot now = m_focuser->snapshot();
@@ -151,7 +153,9 @@ void ZorFocuser::showLinkChange(const Snapshot &now)
 void ZorFocuser::showMotion(const Snapshot &now)
 {
     const IPState before = FocusAbsPosNP.s;
-    if (now.moving)
+    if (m_stopping && !now.moving)
+        m_stopping = false;
+    if (now.moving && !m_stopping)
         FocusAbsPosNP.s = IPS_BUSY; // also a move from the hand controller or compensation
     else if (before == IPS_BUSY && m_movesPending == 0)
         FocusAbsPosNP.s = IPS_OK;

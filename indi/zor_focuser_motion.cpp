@@ -40,6 +40,7 @@ IPState ZorFocuser::MoveAbsFocuser(uint32_t targetTicks)
         return IPS_ALERT;
     }
     ++m_movesPending;
+    m_stopping = false;
     m_focuser->moveTo(static_cast<int>(targetTicks), onLoop([this](int code) { moveStarted(FocusAbsPosNP, code); }));
     return IPS_BUSY;
 }
@@ -52,6 +53,7 @@ IPState ZorFocuser::MoveRelFocuser(FocusDirection dir, uint32_t ticks)
     }
     const int steps = dir == FOCUS_INWARD ? -static_cast<int>(ticks) : static_cast<int>(ticks);
     ++m_movesPending;
+    m_stopping = false;
     m_focuser->moveBy(steps, onLoop([this](int code) { moveStarted(FocusRelPosNP, code); }));
     return IPS_BUSY;
 }
@@ -71,6 +73,7 @@ bool ZorFocuser::AbortFocuser()
     if (!linkUp())
         return false;
     m_focuser->stop(onLoop([this](int code) { reportFailure(FocusAbortSP, code, "stopping"); }));
+    m_stopping = true; // Idle from now on, though the next readings may still show it slowing down
     FocusAbsPosNP.s = FocusRelPosNP.s = IPS_IDLE;
     IDSetNumber(&FocusAbsPosNP, nullptr);
     IDSetNumber(&FocusRelPosNP, nullptr);

@@ -283,6 +283,8 @@ void FocuserImpl::poll()
     Snapshot state;
     int code = readState(state);
     if (code != ZOR_SUCCESS) {
+        if (m_linkDropped)
+            return; // the run loop takes the link down next
         // Any failure of the status read may be the link going, whatever
         // the code (a failed Bluetooth exchange reads as 3): one more read
         // tells a lost link from a passing fault.

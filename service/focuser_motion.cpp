@@ -3,6 +3,7 @@
 #include "service_state.h"
 
 #include <algorithm>
+#include <limits>
 #include <thread>
 
 namespace zorservice {
@@ -18,7 +19,8 @@ constexpr auto kStopPoll = std::chrono::milliseconds(20);
 // waits until it is still, and then moves.
 int FocuserImpl::startMove(int target, bool compensating)
 {
-    target = std::clamp(target, 0, std::max(0, snapshot().maxStep));
+    const int maxStep = snapshot().maxStep;
+    target = std::clamp(target, 0, maxStep > 0 ? maxStep : std::numeric_limits<int>::max());
     int code;
     {
         auto tables = callLock();
@@ -74,7 +76,7 @@ void FocuserImpl::moveBy(int steps, Done done)
         m_compensation.forget();
         publish([](Snapshot &s) { s.compensationReference.reset(); });
         const long long target = static_cast<long long>(snapshot().position) + steps;
-        return startMove(static_cast<int>(std::clamp<long long>(target, 0, snapshot().maxStep)), false);
+        return startMove(static_cast<int>(std::clamp<long long>(target, 0, std::numeric_limits<int>::max())), false);
     });
 }
 
