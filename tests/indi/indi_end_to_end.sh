@@ -232,11 +232,17 @@ usb_case() {
   sim hand 0 release
   await "\"$F1.ABS_FOCUS_POSITION._STATE\"==$OK"
 
-  # Unplugged: Alert; back on the bus: reconnected without a restart.
+  # Unplugged during a move: Alert on both moves; back on the bus, it is
+  # reconnected without a restart and shown Busy while it still moves (on
+  # its battery), then Ok where it stopped.
+  setp "$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=60000"
+  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$BUSY"
   sim unplug 1
-  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$ALERT"
+  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$ALERT && \"$F2.REL_FOCUS_POSITION._STATE\"==$ALERT"
+  expect_eq "$(sim_field 1 moving)" 1 "moving while unplugged"
   sim plug 1
-  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$OK"
+  await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$BUSY"
+  await "\"$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==60000 && \"$F2.ABS_FOCUS_POSITION._STATE\"==$OK"
   move_to "$F2" 40100
   expect_eq "$(getp "$F2.CONNECTION.CONNECT")" On "connection after the return"
   check_server_log
@@ -319,7 +325,7 @@ bluetooth_case() {
 
   # The link drops during a move: Alert on both moves at once, never a move
   # left Busy; the driver reconnects once the focuser is back.
-  setp "$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=90000"
+  setp "$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION=60000"
   await "\"$F2.ABS_FOCUS_POSITION._STATE\"==$BUSY"
   drop_and_regain() {
     local dropped; dropped=$(now)
