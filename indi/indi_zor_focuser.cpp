@@ -38,7 +38,8 @@ std::string holderOf(const std::string &key, const ZorFocuser *asking)
 {
     for (const auto &device : g_devices)
         if (device.get() != asking && device->holds(key))
-            return std::string("the focuser is already connected in device \"") + device->getDeviceName() + "\"";
+            return std::string("the focuser is already connected in device \"") + device->getDeviceName() +
+                   "\"";
     return "";
 }
 

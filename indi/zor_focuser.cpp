@@ -35,7 +35,8 @@ std::string elementName(const std::string &key)
     return name;
 }
 
-bool sameList(const std::vector<zorservice::CatalogueEntry> &a, const std::vector<zorservice::CatalogueEntry> &b)
+bool sameList(const std::vector<zorservice::CatalogueEntry> &a,
+              const std::vector<zorservice::CatalogueEntry> &b)
 {
     if (a.size() != b.size())
         return false;
@@ -130,7 +131,8 @@ bool ZorFocuser::initProperties()
                           IPS_IDLE);
 
     m_referenceNP[0].fill("REFERENCE", "Focus set at (°C)", "%.2f", -100, 250, 0, 0);
-    m_referenceNP.fill(dev, "TEMP_COMPENSATION_REFERENCE", "Reference", kTemperatureGroup, IP_RO, 0, IPS_IDLE);
+    m_referenceNP.fill(dev, "TEMP_COMPENSATION_REFERENCE", "Reference", kTemperatureGroup, IP_RO, 0,
+                       IPS_IDLE);
 
     m_batteryNP[0].fill("LEVEL", "Level (%)", "%.0f", 0, 100, 0, 0);
     m_batteryNP.fill(dev, "ZOR_BATTERY", "Battery", MAIN_CONTROL_TAB, IP_RO, 0, IPS_IDLE);
@@ -173,7 +175,8 @@ void ZorFocuser::defineChoiceProperties()
     for (std::size_t i = 0; i < m_listed.size(); ++i)
         m_foundSP[i].fill(elementName(m_listed[i].key), m_listed[i].label,
                           m_listed[i].key == choice() ? ISS_ON : ISS_OFF);
-    m_foundSP.fill(getDeviceName(), "ZOR_FOCUSERS", "Found", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60, IPS_IDLE);
+    m_foundSP.fill(getDeviceName(), "ZOR_FOCUSERS", "Found", CONNECTION_TAB, IP_RW, ISR_ATMOST1, 60,
+                   IPS_IDLE);
     if (!m_listed.empty())
         defineProperty(m_foundSP);
 }
@@ -197,10 +200,15 @@ bool ZorFocuser::updateProperties()
     INDI::Focuser::updateProperties();
     const zorservice::Snapshot &now = m_shown;
     // (property, shown for this focuser)
-    const std::pair<INDI::Property, bool> own[] = {
-        {m_temperatureNP, m_hasTemperature}, {m_compensateSP, true},   {m_compensationNP, true},
-        {m_referenceNP, true},               {m_identityTP, true},     {m_batteryNP, now.battery.has_value()},
-        {m_chargingLP, now.battery.has_value()}, {m_ledSP, now.led.has_value()}, {m_beepSP, now.beep.has_value()}};
+    const std::pair<INDI::Property, bool> own[] = {{m_temperatureNP, m_hasTemperature},
+                                                   {m_compensateSP, true},
+                                                   {m_compensationNP, true},
+                                                   {m_referenceNP, true},
+                                                   {m_identityTP, true},
+                                                   {m_batteryNP, now.battery.has_value()},
+                                                   {m_chargingLP, now.battery.has_value()},
+                                                   {m_ledSP, now.led.has_value()},
+                                                   {m_beepSP, now.beep.has_value()}};
     for (auto [property, shown] : own) {
         if (isConnected() && shown)
             defineProperty(property);
@@ -305,8 +313,8 @@ bool ZorFocuser::ISNewNumber(const char *dev, const char *name, double values[],
 // loads later goes through the setters.
 bool ZorFocuser::skipsSavedSetting(const char *name)
 {
-    static const char *const kDeviceSettings[] = {"FOCUS_MAX", "FOCUS_REVERSE_MOTION", "FOCUS_BACKLASH_TOGGLE",
-                                                  "FOCUS_BACKLASH_STEPS"};
+    static const char *const kDeviceSettings[] = {"FOCUS_MAX", "FOCUS_REVERSE_MOTION",
+                                                  "FOCUS_BACKLASH_TOGGLE", "FOCUS_BACKLASH_STEPS"};
     if (!m_adoptingSettings || !isConfigLoading())
         return false;
     for (const char *setting : kDeviceSettings)
@@ -346,13 +354,13 @@ bool ZorFocuser::applyOnOff(INDI::PropertySwitch &property, ISState *states, cha
     property.setState(IPS_BUSY);
     property.apply();
     ((*m_focuser).*setter)(on, onLoop([this, &property, wasOn, doing](int code) {
-        if (code != 0) {
-            showOnOff(property, wasOn);
-            LOGF_ERROR("Failed %s: %s.", doing, zorservice::resultText(code).c_str());
-        }
-        property.setState(code == 0 ? IPS_OK : IPS_ALERT);
-        property.apply();
-    }));
+                               if (code != 0) {
+                                   showOnOff(property, wasOn);
+                                   LOGF_ERROR("Failed %s: %s.", doing, zorservice::resultText(code).c_str());
+                               }
+                               property.setState(code == 0 ? IPS_OK : IPS_ALERT);
+                               property.apply();
+                           }));
     return true;
 }
 

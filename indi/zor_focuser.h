@@ -93,12 +93,12 @@ class ZorFocuser : public INDI::Focuser {
     std::function<std::string(const std::string &, const ZorFocuser *)> m_holder;
     std::shared_ptr<zorservice::Focuser> m_focuser; // set at connect
     std::shared_ptr<std::atomic<bool>> m_refreshPending = std::make_shared<std::atomic<bool>>(false);
-    zorservice::Snapshot m_shown;                   // what the properties show
+    zorservice::Snapshot m_shown; // what the properties show
     bool m_connecting = false;
-    bool m_catalogueKnown = false; // the first USB enumeration is in
-    bool m_connectWaits = false;   // a connect waits for it, to choose a focuser
-    int m_movesPending = 0; // moves sent that the worker has not started yet
-    bool m_stopping = false; // aborted: not Busy again until it stands
+    bool m_catalogueKnown = false;   // the first USB enumeration is in
+    bool m_connectWaits = false;     // a connect waits for it, to choose a focuser
+    int m_movesPending = 0;          // moves sent that the worker has not started yet
+    bool m_stopping = false;         // aborted: not Busy again until it stands
     bool m_adoptingSettings = false; // the configuration loaded at connect does not override the focuser
     bool m_choiceLoaded = false;     // the saved choice of focuser was read
     bool m_hasTemperature = false;

@@ -67,8 +67,8 @@ void ZorFocuser::connectDone(int code)
     m_connecting = false;
     if (code != 0) {
         const Snapshot now = m_focuser->snapshot();
-        LOGF_ERROR("Cannot connect: %s.",
-                   now.lastErrorText.empty() ? zorservice::resultText(code).c_str() : now.lastErrorText.c_str());
+        LOGF_ERROR("Cannot connect: %s.", now.lastErrorText.empty() ? zorservice::resultText(code).c_str()
+                                                                    : now.lastErrorText.c_str());
         setConnected(false, IPS_ALERT);
         return;
     }
@@ -208,12 +208,14 @@ void ZorFocuser::showSettings(const Snapshot &now)
             IDSetNumber(&FocusBacklashNP, nullptr);
         }
     }
-    if (first || now.identity.serial != m_shown.identity.serial || now.identity.alias != m_shown.identity.alias) {
+    if (first || now.identity.serial != m_shown.identity.serial ||
+        now.identity.alias != m_shown.identity.alias) {
         m_identityTP[0].setText(now.identity.firmware);
         m_identityTP[1].setText(now.identity.model);
         m_identityTP[2].setText(now.identity.serial);
         m_identityTP[3].setText(now.identity.alias);
-        m_identityTP[4].setText(now.identity.transport == zorservice::Transport::Bluetooth ? "Bluetooth" : "USB");
+        m_identityTP[4].setText(now.identity.transport == zorservice::Transport::Bluetooth ? "Bluetooth"
+                                                                                           : "USB");
         m_identityTP.setState(IPS_OK);
         if (!first)
             m_identityTP.apply();

@@ -12,7 +12,8 @@ namespace zorindi {
 
 zorservice::Done ZorFocuser::onLoop(std::function<void(int code)> shown)
 {
-    return [shown = std::move(shown)](int code) { LoopBridge::instance().post([shown, code] { shown(code); }); };
+    return
+        [shown = std::move(shown)](int code) { LoopBridge::instance().post([shown, code] { shown(code); }); };
 }
 
 void ZorFocuser::reportFailure(INumberVectorProperty &property, int code, const char *doing)
@@ -41,7 +42,8 @@ IPState ZorFocuser::MoveAbsFocuser(uint32_t targetTicks)
     }
     ++m_movesPending;
     m_stopping = false;
-    m_focuser->moveTo(static_cast<int>(targetTicks), onLoop([this](int code) { moveStarted(FocusAbsPosNP, code); }));
+    m_focuser->moveTo(static_cast<int>(targetTicks),
+                      onLoop([this](int code) { moveStarted(FocusAbsPosNP, code); }));
     return IPS_BUSY;
 }
 
@@ -95,8 +97,8 @@ bool ZorFocuser::ReverseFocuser(bool enabled)
         return false;
     if (isConfigLoading())
         LOGF_INFO("Configuration applied: motion %s.", enabled ? "reversed" : "not reversed");
-    m_focuser->setReverse(enabled,
-                          onLoop([this](int code) { reportFailure(FocusReverseSP, code, "setting the direction"); }));
+    m_focuser->setReverse(
+        enabled, onLoop([this](int code) { reportFailure(FocusReverseSP, code, "setting the direction"); }));
     return true;
 }
 
@@ -133,8 +135,8 @@ bool ZorFocuser::SetFocuserBacklash(int32_t steps)
         return false;
     if (isConfigLoading())
         LOGF_INFO("Configuration applied: backlash %d steps.", steps);
-    m_focuser->setBacklash(steps,
-                           onLoop([this](int code) { reportFailure(FocusBacklashNP, code, "setting the backlash"); }));
+    m_focuser->setBacklash(
+        steps, onLoop([this](int code) { reportFailure(FocusBacklashNP, code, "setting the backlash"); }));
     return true;
 }
 
@@ -144,9 +146,8 @@ bool ZorFocuser::SetFocuserBacklashEnabled(bool enabled)
     if (!linkUp())
         return false;
     const int steps = enabled ? static_cast<int>(FocusBacklashN[0].value) : 0;
-    m_focuser->setBacklash(steps, onLoop([this](int code) {
-                               reportFailure(FocusBacklashSP, code, "setting the backlash");
-                           }));
+    m_focuser->setBacklash(
+        steps, onLoop([this](int code) { reportFailure(FocusBacklashSP, code, "setting the backlash"); }));
     return true;
 }
 

@@ -149,8 +149,9 @@ FocuserImpl::Outcome FocuserImpl::openBluetooth()
         if (scanned != ZOR_SUCCESS)
             return {scanned, "scanning for Bluetooth focusers failed: " + resultText(scanned)};
         if (!m_service.advertisedAs(name, device))
-            return {kNotFound, "no Bluetooth focuser named \"" + name +
-                                   "\" advertises; is it on, in range, and free of another program or computer?"};
+            return {kNotFound,
+                    "no Bluetooth focuser named \"" + name +
+                        "\" advertises; is it on, in range, and free of another program or computer?"};
     }
     int id = -1;
     const int connected = ZORBLEConnect(device.Name, device.Address, &id);

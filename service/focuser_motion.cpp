@@ -76,7 +76,8 @@ void FocuserImpl::moveBy(int steps, Done done)
         m_compensation.forget();
         publish([](Snapshot &s) { s.compensationReference.reset(); });
         const long long target = static_cast<long long>(snapshot().position) + steps;
-        return startMove(static_cast<int>(std::clamp<long long>(target, 0, std::numeric_limits<int>::max())), false);
+        return startMove(static_cast<int>(std::clamp<long long>(target, 0, std::numeric_limits<int>::max())),
+                         false);
     });
 }
 

@@ -96,10 +96,12 @@ void Service::State::rescanUsb()
             std::unique_lock<std::mutex> lock(mutex);
             const auto claim = usbClaims.find(id);
             if (claim != usbClaims.end()) { // ours: keep what it was listed as
-                const auto known = std::find_if(entries.begin(), entries.end(),
-                                                [&](const CatalogueEntry &e) { return e.key == claim->second; });
-                found.push_back(known != entries.end() ? *known
-                                                       : CatalogueEntry{claim->second, claim->second, Transport::Usb});
+                const auto known = std::find_if(entries.begin(), entries.end(), [&](const CatalogueEntry &e) {
+                    return e.key == claim->second;
+                });
+                found.push_back(known != entries.end()
+                                    ? *known
+                                    : CatalogueEntry{claim->second, claim->second, Transport::Usb});
                 continue;
             }
             lock.unlock();
@@ -131,9 +133,9 @@ void Service::State::noteAdvertised(const std::vector<BLE_DEVICE_INFO> &scanned)
                 entries.push_back(entry);
             else
                 *known = entry;
-            const auto seen = std::find_if(advertised.begin(), advertised.end(), [&](const BLE_DEVICE_INFO &d) {
-                return textOf(d.Name, sizeof d.Name) == name;
-            });
+            const auto seen =
+                std::find_if(advertised.begin(), advertised.end(),
+                             [&](const BLE_DEVICE_INFO &d) { return textOf(d.Name, sizeof d.Name) == name; });
             if (seen == advertised.end())
                 advertised.push_back(device);
             else

@@ -61,7 +61,7 @@ enum class Link {
     Disconnected, // not connected, and not meant to be
     Connecting,   // a connect asked for by the client is under way
     Connected,
-    Lost,         // the link went; the worker reconnects with backoff
+    Lost, // the link went; the worker reconnects with backoff
 };
 
 // The waits between reconnection attempts: 1, 2, 5, 10, then every 30 s.
@@ -70,7 +70,7 @@ std::chrono::seconds reconnectDelay(int attempt);
 struct Identity {
     std::string firmware; // "3.8.2"
     std::string model;
-    std::string serial;   // hex, empty when the firmware has none
+    std::string serial; // hex, empty when the firmware has none
     std::string alias;
     Transport transport = Transport::Usb;
 };
@@ -83,39 +83,39 @@ struct Identity {
 struct CompensationSettings {
     bool enabled = false;
     double stepsPerDegree = 0;
-    double threshold = 1.0;                  // °C, more than 0
+    double threshold = 1.0; // °C, more than 0
     std::chrono::seconds settle{60};
 };
 
 // What the focuser was last seen doing; published by its worker as a whole.
 struct Snapshot {
-    std::uint64_t sequence = 0; // counts publications; a change of anything raises it
+    std::uint64_t sequence = 0;                 // counts publications; a change of anything raises it
     std::chrono::system_clock::time_point time; // when it was published (Alpaca's TimeStamp)
 
     Link link = Link::Disconnected;
-    int lastError = 0;            // the last failure (a code as for Done), 0 after a success
-    std::string lastErrorText;    // what failed, in words, with resultText
-    int reconnectAttempts = 0;    // while Lost: attempts made so far
+    int lastError = 0;                     // the last failure (a code as for Done), 0 after a success
+    std::string lastErrorText;             // what failed, in words, with resultText
+    int reconnectAttempts = 0;             // while Lost: attempts made so far
     std::chrono::seconds nextReconnect{0}; // while Lost: the wait before the next attempt
 
     // Read at connect; valid while connected or lost.
     Identity identity;
-    int stepRange = 0;            // the firmware's largest maximum step (ZORStepRange)
+    int stepRange = 0; // the firmware's largest maximum step (ZORStepRange)
 
     int position = 0;
-    int target = 0;               // where the last move was sent
-    bool moving = false;          // the motor runs (a move, compensation, the hand controller)
-    bool handMoving = false;      // the hand controller moves it
-    bool compensating = false;    // the move under way is compensation's
+    int target = 0;                    // where the last move was sent
+    bool moving = false;               // the motor runs (a move, compensation, the hand controller)
+    bool handMoving = false;           // the hand controller moves it
+    bool compensating = false;         // the move under way is compensation's
     std::optional<double> temperature; // none without a probe reading
-    std::optional<int> battery;   // percent; none for a focuser without a battery
+    std::optional<int> battery;        // percent; none for a focuser without a battery
     bool charging = false;
 
     // Settings the focuser holds.
     int maxStep = 0;
     int backlash = 0;
     bool reverse = false;
-    std::optional<bool> beep;     // none where the firmware has no such setting
+    std::optional<bool> beep; // none where the firmware has no such setting
     std::optional<bool> led;
 
     CompensationSettings compensation;

@@ -10,12 +10,12 @@ namespace {
 // All of a snapshot but its sequence number and time.
 auto contentOf(const Snapshot &s)
 {
-    return std::tie(s.link, s.lastError, s.lastErrorText, s.reconnectAttempts, s.nextReconnect, s.identity.firmware,
-                    s.identity.model, s.identity.serial, s.identity.alias, s.identity.transport, s.stepRange,
-                    s.position, s.target, s.moving, s.handMoving, s.compensating, s.temperature, s.battery,
-                    s.charging, s.maxStep, s.backlash, s.reverse, s.beep, s.led, s.compensation.enabled,
-                    s.compensation.stepsPerDegree, s.compensation.threshold, s.compensation.settle,
-                    s.compensationReference);
+    return std::tie(s.link, s.lastError, s.lastErrorText, s.reconnectAttempts, s.nextReconnect,
+                    s.identity.firmware, s.identity.model, s.identity.serial, s.identity.alias,
+                    s.identity.transport, s.stepRange, s.position, s.target, s.moving, s.handMoving,
+                    s.compensating, s.temperature, s.battery, s.charging, s.maxStep, s.backlash, s.reverse,
+                    s.beep, s.led, s.compensation.enabled, s.compensation.stepsPerDegree,
+                    s.compensation.threshold, s.compensation.settle, s.compensationReference);
 }
 
 } // namespace

@@ -8,24 +8,36 @@ namespace {
 const char *serviceName(int code)
 {
     switch (code) {
-    case kNotConnected: return "not connected";
-    case kNotFound: return "not found";
-    case kInUse: return "in use";
-    case kBelowPosition: return "below the position";
-    case kOutOfRange: return "out of range";
-    default: return nullptr;
+    case kNotConnected:
+        return "not connected";
+    case kNotFound:
+        return "not found";
+    case kInUse:
+        return "in use";
+    case kBelowPosition:
+        return "below the position";
+    case kOutOfRange:
+        return "out of range";
+    default:
+        return nullptr;
     }
 }
 
 const char *serviceMeaning(int code)
 {
     switch (code) {
-    case kNotConnected: return "the focuser is not connected";
-    case kNotFound: return "no such focuser is attached or advertises";
-    case kInUse: return "another program drives the focuser";
-    case kBelowPosition: return "the focuser is beyond that value; move it inside first";
-    case kOutOfRange: return "the value is outside what the focuser takes";
-    default: return nullptr;
+    case kNotConnected:
+        return "the focuser is not connected";
+    case kNotFound:
+        return "no such focuser is attached or advertises";
+    case kInUse:
+        return "another program drives the focuser";
+    case kBelowPosition:
+        return "the focuser is beyond that value; move it inside first";
+    case kOutOfRange:
+        return "the value is outside what the focuser takes";
+    default:
+        return nullptr;
     }
 }
 

@@ -103,7 +103,8 @@ class FocuserImpl final : public Focuser {
     // Held around calls on an open USB focuser (see usbTables()).
     std::shared_lock<std::shared_mutex> callLock() const
     {
-        return m_bluetooth ? std::shared_lock<std::shared_mutex>() : std::shared_lock<std::shared_mutex>(usbTables());
+        return m_bluetooth ? std::shared_lock<std::shared_mutex>()
+                           : std::shared_lock<std::shared_mutex>(usbTables());
     }
     // Connected after an open: published, unless reading it lost it again.
     int finishOpen();

@@ -23,7 +23,8 @@ namespace {
 
 // Waits (up to a generous limit, never a measure of speed) until `holds`
 // is true of the focuser's snapshot; the last snapshot seen.
-template <typename Condition> Snapshot waitFor(Focuser &focuser, Condition holds, std::chrono::seconds limit = 30s)
+template <typename Condition>
+Snapshot waitFor(Focuser &focuser, Condition holds, std::chrono::seconds limit = 30s)
 {
     const auto end = std::chrono::steady_clock::now() + limit;
     Snapshot s = focuser.snapshot();
@@ -238,7 +239,8 @@ TEST_F(ServiceTest, ADroppedBluetoothLinkIsShownAndRegained)
     bluez.control("DropLink", std::string("Garage"));
     Snapshot s = waitFor(*focuser, [](const Snapshot &s) { return s.link == Link::Lost; });
     EXPECT_FALSE(s.moving);
-    s = waitFor(*focuser, [](const Snapshot &s) { return s.link == Link::Connected; }, 60s);
+    s = waitFor(
+        *focuser, [](const Snapshot &s) { return s.link == Link::Connected; }, 60s);
     EXPECT_EQ(result([&](Done d) { focuser->moveTo(s.position + 100, d); }), 0);
 }
 #endif
