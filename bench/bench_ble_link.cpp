@@ -6,7 +6,8 @@
 //   scripts/ble-sim-bus.sh build-bench/bench/zor_bench_ble
 //
 // Each iteration is timed on its own; the counters give the median and the
-// 99th percentile in milliseconds.
+// 99th percentile in milliseconds. Then the time a dropped link takes to be
+// noticed, and a 64 KiB firmware update.
 #include "ZOR_focuser.h"
 #include "ble_frames.h"
 
@@ -37,21 +38,35 @@ const BLEProtocol::Bytes kStatusQuery{0x7E, 0x5A, 0x02, 0x03};
     std::exit(2);
 }
 
-// The first virtual focuser, connected and paired through the library once.
+// The first virtual focuser, connected and paired through the library as ID 50.
+void connectAndPair()
+{
+    if (!std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
+        fail("no private bus: run it under scripts/ble-sim-bus.sh");
+    BLE_DEVICE_INFO found[4]{};
+    int count = 0, id = -1;
+    if (ZORBLEScan(300, found, 4, &count) != ZOR_SUCCESS || count == 0)
+        fail("no virtual focuser found");
+    if (ZORBLEConnect(found[0].Name, found[0].Address, &id) != ZOR_SUCCESS || ZORBLEPair(id) != ZOR_SUCCESS)
+        fail("connecting or pairing failed");
+}
+
 void connectThroughTheLibrary()
 {
-    static const bool connected = [] {
-        if (!std::getenv("DBUS_SYSTEM_BUS_ADDRESS"))
-            fail("no private bus: run it under scripts/ble-sim-bus.sh");
-        BLE_DEVICE_INFO found[4]{};
-        int count = 0, id = -1;
-        if (ZORBLEScan(300, found, 4, &count) != ZOR_SUCCESS || count == 0)
-            fail("no virtual focuser found");
-        if (ZORBLEConnect(found[0].Name, found[0].Address, &id) != ZOR_SUCCESS || ZORBLEPair(id) != ZOR_SUCCESS)
-            fail("connecting or pairing failed");
-        return true;
-    }();
+    static const bool connected = (connectAndPair(), true);
     (void)connected;
+}
+
+// The link as it is after `connectThroughTheLibrary`, made again.
+void reconnect()
+{
+    ZORBLEDisconnect(kId);
+    connectAndPair();
+}
+
+double millisecondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
 // Times `exchange` once per iteration and reports the median and the 99th
@@ -149,6 +164,58 @@ void BM_RawRoundTrip(benchmark::State &state)
     measure(state, [&] { return client.exchange(sequence++); });
 }
 BENCHMARK(BM_RawRoundTrip)->Iterations(300)->Unit(benchmark::kMillisecond);
+
+// The virtual focuser drops the link (com.zor.Sim's DropLink, no
+// connection-state callback registered): how long until a call answers 53,
+// and how long that call took.
+void BM_LostLinkNoticed(benchmark::State &state)
+{
+    connectThroughTheLibrary();
+    for (auto _ : state) {
+        auto bus = sdbus::createSessionBusConnectionWithAddress(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"));
+        auto sim = sdbus::createProxy(*bus, "com.zor.Sim", "/com/zor/Sim");
+        const Clock::time_point dropped = Clock::now();
+        sim->callMethod("DropLink").onInterface("com.zor.Sim").withArguments(std::string("Bench"));
+        double callMs = 0;
+        int code = ZOR_SUCCESS;
+        for (int tries = 0; tries < 100 && code != ZOR_ERROR_BLE_NOT_CONNECTED; ++tries) {
+            const Clock::time_point start = Clock::now();
+            int position = 0;
+            code = ZORGetPosition(kId, &position);
+            callMs = millisecondsSince(start);
+        }
+        if (code != ZOR_ERROR_BLE_NOT_CONNECTED)
+            state.SkipWithError("the calls never answered 53");
+        state.counters["drop_to_53_ms"] = millisecondsSince(dropped);
+        state.counters["that_call_ms"] = callMs;
+        state.PauseTiming();
+        reconnect();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_LostLinkNoticed)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// A 64 KiB image in chunks of 480 bytes, as zorctl sends it. Last: the
+// focuser restarts with the image, which ends the link.
+void BM_FirmwareUpdate64KiB(benchmark::State &state)
+{
+    connectThroughTheLibrary();
+    constexpr int kImage = 64 * 1024;
+    for (auto _ : state) {
+        if (ZORBLEStartUpdate(kId, kImage) != ZOR_SUCCESS)
+            state.SkipWithError("the update did not start");
+        for (int sent = 0; sent < kImage;) {
+            ZOR_BLE_FILE_BUF chunk{};
+            chunk.Length = std::min<int>(480, kImage - sent);
+            if (ZORBLEWriteUpdateFile(kId, chunk) != ZOR_SUCCESS) {
+                state.SkipWithError("a chunk was refused");
+                break;
+            }
+            sent += chunk.Length;
+        }
+    }
+}
+BENCHMARK(BM_FirmwareUpdate64KiB)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -6,10 +6,13 @@
 #include "private_bluez.h"
 
 #include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -255,9 +258,11 @@ TEST_F(EndToEnd, ScanPairEveryCallUpdateAndTwoFocusersInTurn)
     EXPECT_EQ(all.IsMoving, 0);
     EXPECT_EQ(all.Battery.battery_percentage, 77);
 
-    // The second focuser takes the one link; the first's connection ends.
+    // The second focuser takes the one link; the first's connection ends,
+    // and its ID no longer reaches any focuser.
     connectAndPair("Shed", kFirst + 1);
     EXPECT_FALSE(simState<bool>(kGarage, "Connected"));
+    EXPECT_EQ(ZORMove(kFirst, 5000), ZOR_ERROR_BLE_NOT_CONNECTED);
     int position = 0;
     EXPECT_EQ(ZORGetPosition(kFirst + 1, &position), ZOR_SUCCESS);
     EXPECT_EQ(position, 2000);
@@ -273,9 +278,9 @@ TEST_F(EndToEnd, ScanPairEveryCallUpdateAndTwoFocusersInTurn)
         sent += chunk.Length;
     }
     EXPECT_EQ(simState<uint32_t>(kShed, "InstalledImageBytes"), static_cast<uint32_t>(imageSize));
-    // The link has one callback: the second connect reported itself through
-    // the one registered for the first, and the restart ends the link.
-    EXPECT_EQ(g_reported.linksOnceThereAre(2), (std::vector<bool>{true, false}));
+    // The second connect ended the first's session (its callback heard of
+    // it), and the restart ends the second's link.
+    EXPECT_EQ(g_reported.linksOnceThereAre(2), (std::vector<bool>{false, false}));
 
     EXPECT_EQ(ZORBLEDisconnect(kFirst + 1), ZOR_SUCCESS);
     EXPECT_EQ(ZORBLEDisconnect(kFirst), ZOR_SUCCESS);
@@ -332,6 +337,75 @@ TEST_F(EndToEnd, LostLinksReachTheCallbackWithoutStallingACallInFlight)
     }
 }
 
+// A link that drops with no callback registered: the library notices by
+// itself, and the calls on the ID answer 53 instead of waiting for answers.
+TEST_F(EndToEnd, ADroppedLinkEndsTheSessionWithoutACallback)
+{
+    scan();
+    int id = -1;
+    ASSERT_EQ(ZORBLEConnect("Garage", "", &id), ZOR_SUCCESS);
+    ASSERT_EQ(ZORBLEPair(id), ZOR_SUCCESS);
+    ASSERT_EQ(ZORMove(id, 300000), ZOR_SUCCESS);
+    bluez.control("DropLink", std::string(kGarage));
+    int position = 0;
+    int first = ZOR_SUCCESS;
+    for (int i = 0; i < 1000 && first == ZOR_SUCCESS; ++i)
+        first = ZORGetPosition(id, &position);
+    // A request already on its way when the link went fails with its exchange.
+    EXPECT_TRUE(first == ZOR_ERROR_BLE_NOT_CONNECTED || first == ZOR_ERROR_BLE_TIMEOUT) << first;
+    bool moving = true, byHand = false;
+    EXPECT_EQ(ZORIsMoving(id, &moving, &byHand), ZOR_ERROR_BLE_NOT_CONNECTED);
+    EXPECT_EQ(ZORMove(id, 1000), ZOR_ERROR_BLE_NOT_CONNECTED);
+    EXPECT_EQ(ZORBLEDisconnect(id), ZOR_SUCCESS);
+}
+
+// Four threads poll an ID while it is disconnected: the object goes only
+// once they are out of it, and they then find no focuser.
+TEST_F(EndToEnd, ADisconnectWaitsForTheCallsInsideTheObject)
+{
+    connectAndPair("Garage", kFirst);
+    std::atomic<bool> gone{false};
+    std::vector<std::thread> pollers;
+    for (int t = 0; t < 4; ++t) {
+        pollers.emplace_back([&gone] {
+            int position = 0;
+            while (ZORGetPosition(kFirst, &position) == ZOR_SUCCESS || !gone)
+                ;
+        });
+    }
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(ZORBLEDisconnect(kFirst), ZOR_SUCCESS);
+    gone = true;
+    for (std::thread &poller : pollers)
+        poller.join();
+    int position = 0;
+    EXPECT_EQ(ZORGetPosition(kFirst, &position), ZOR_ERROR_BLE_NOT_CONNECTED);
+}
+
+// What a client asks last has reached the focuser even when the client
+// ends right after the call: a stop, a disconnect, the end of a scan.
+TEST_F(EndToEnd, TheLastRequestsOfAClientThatEndsAtOnceReachTheFocuser)
+{
+    const auto run = [this](const std::string &words) {
+        const std::string command =
+            "DBUS_SYSTEM_BUS_ADDRESS='" + bluez.address() + "' " + ZOR_ONE_CALL_CLIENT + " " + words;
+        return std::system(command.c_str());
+    };
+    auto bus = sdbus::createSystemBusConnection();
+    auto adapter = sdbus::createProxy(*bus, "org.bluez", "/org/bluez/hci0");
+    const auto discovering = [&] {
+        return adapter->getProperty("Discovering").onInterface("org.bluez.Adapter1").get<bool>();
+    };
+
+    ASSERT_EQ(run("scan"), 0);
+    EXPECT_FALSE(discovering());
+    ASSERT_EQ(run("stop Garage"), 0);
+    EXPECT_FALSE(simState<bool>(kGarage, "Moving"));
+    ASSERT_EQ(run("disconnect Shed"), 0);
+    EXPECT_FALSE(simState<bool>(kShed, "Connected"));
+    EXPECT_FALSE(discovering());
+}
+
 TEST_F(EndToEnd, BluezLeavingTheBusMakesCallsFailWithoutHanging)
 {
     connectAndPair("Garage", kFirst);
@@ -339,7 +413,7 @@ TEST_F(EndToEnd, BluezLeavingTheBusMakesCallsFailWithoutHanging)
     EXPECT_EQ(g_reported.linksOnceThereAre(1), std::vector<bool>{false});
     int position = 0;
     unsigned char major = 0, minor = 0, build = 0;
-    EXPECT_EQ(ZORGetFirmwareVersion(kFirst, &major, &minor, &build), ZOR_ERROR_BLE_TIMEOUT);
+    EXPECT_EQ(ZORGetFirmwareVersion(kFirst, &major, &minor, &build), ZOR_ERROR_BLE_NOT_CONNECTED);
     EXPECT_EQ(ZORBLEDisconnect(kFirst), ZOR_SUCCESS);
     int id = -1;
     EXPECT_EQ(ZORBLEConnect("Garage", "", &id), ZOR_ERROR_BLE_CONNECT_FAILED);
