@@ -262,6 +262,9 @@ chained_case() {
   ! grep -q "Lost the focuser" "$work"/main.messages/* || fail "a missing probe was taken for a lost focuser"
   port=$port_main
   expect_eq "$(getp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 30300 "position on the first server"
+  # The version the driver reports is the one its drivers file lists.
+  listed=$(sed -n 's:.*<version>\(.*\)</version>.*:\1:p' "$(dirname "$driver")/indi_zor_focuser.xml")
+  expect_eq "$(getp "$F1.DRIVER_INFO.DRIVER_VERSION")" "$listed" "driver version"
 
   # A second driver (its virtual focuser has the same serial number) is
   # told that the focuser is in use.
