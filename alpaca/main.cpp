@@ -14,6 +14,7 @@
 #include <mutex>
 #include <pthread.h>
 #include <set>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -98,12 +99,25 @@ int run(const Options &options)
     // Clients keep their connections open, and each open connection holds
     // a thread of the pool while it waits for its next request.
     http.new_task_queue = [] { return new httplib::ThreadPool(96); };
+    // Small answers go out at once rather than wait for the client's
+    // delayed acknowledgement.
+    http.set_tcp_nodelay(true);
+    http.set_keep_alive_max_count(1000);
+    int listening = -1;
+    http.set_socket_options([&listening](socket_t fd) {
+        const int yes = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        listening = fd;
+    });
     AlpacaServer server(devices, config, ServerInfo{options.port, ZOR_ALPACA_VERSION}, addBluetooth);
     server.install(http);
     if (!http.bind_to_port(options.bind, options.port)) {
         std::cerr << "zor_alpaca: cannot listen on " << options.bind << " port " << options.port << '\n';
         return 1;
     }
+    // httplib listens with a backlog of 5, which drops the connections of
+    // many clients starting at once; listen() again raises it.
+    listen(listening, SOMAXCONN);
     Discovery discovery;
     std::string problem;
     if (!discovery.start(options.bind, options.discoveryPort, options.port, problem))
