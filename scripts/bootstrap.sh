@@ -11,8 +11,9 @@ debian_packages=(
   clang libclang-rt-dev
   libgnustep-base-dev
   libindi-dev indi-bin iproute2
+  libcpp-httplib-dev nlohmann-json3-dev python3 chromium
 )
-brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark)
+brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark cpp-httplib nlohmann-json)
 
 # Homebrew has disabled its TinyXML (1.x) formula. Where it cannot install
 # it, TinyXML's own release is built as a static library under this prefix,

@@ -67,4 +67,37 @@ echo "\$ zorctl $ble --ble Attic info     # no focuser of that name"
 "$zorctl" "$ble" --ble Attic info || echo "(exit status $?)"
 
 echo
+echo "=== the Alpaca server: zor_alpaca serves a virtual focuser to Alpaca clients"
+# (N.I.N.A., SGP, ...). Here the client is curl, on this computer only.
+port=${ZOR_DEMO_ALPACA_PORT:-11111}
+alpaca_config=$(mktemp -d)
+LD_PRELOAD="$PWD/$build/sim/libzor_hidsim.so" ZOR_SIM="pro/speed=1500" XDG_CONFIG_HOME="$alpaca_config" \
+  "$build/alpaca/zor_alpaca" --bind 127.0.0.1 --port "$port" --discovery-port "$((port + 1))" &
+alpaca_pid=$!
+trap 'kill "$alpaca_pid" 2>/dev/null || true; rm -rf "$XDG_STATE_HOME" "$alpaca_config"' EXIT
+api=http://127.0.0.1:$port/api/v1/focuser/0
+for _ in $(seq 50); do curl -s -o /dev/null "http://127.0.0.1:$port/management/apiversions" && break; sleep 0.1; done
+alpaca() {
+  printf '$ curl -s'
+  printf " '%s'" "$@"
+  echo
+  curl -s "$@"
+  echo
+}
+alpaca "http://127.0.0.1:$port/management/v1/configureddevices"
+alpaca -X PUT -d "Connected=true&ClientID=1&ClientTransactionID=1" "$api/connected"
+alpaca "$api/position?ClientID=1&ClientTransactionID=2"
+alpaca -X PUT -d "Position=34000&ClientID=1&ClientTransactionID=3" "$api/move"
+echo "(polling ismoving and position until the move ends)"
+while curl -s "$api/ismoving" | grep -q '"Value":true'; do
+  echo "  position $(curl -s "$api/position" | sed -n 's/.*"Value":\([0-9]*\).*/\1/p')"
+  sleep 0.25
+done
+alpaca "$api/devicestate?ClientID=1&ClientTransactionID=4"
+kill -TERM "$alpaca_pid"
+status=0
+wait "$alpaca_pid" || status=$?
+echo "(zor_alpaca ended with status $status; while it runs, its setup page is http://127.0.0.1:$port/setup)"
+
+echo
 echo "=== done. Try more: $zorctl --help"
