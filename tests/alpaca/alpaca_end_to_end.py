@@ -3,15 +3,17 @@
 loopback, with virtual focusers preloaded and steered through their control
 socket.
 
-    alpaca_end_to_end.py CASE SERVER PRELOAD
+    alpaca_end_to_end.py CASE SERVER PRELOAD [BLUEZ_SIM BUS_SCRIPT]
 
 CASE is protocol (the standard's rules for paths, parameters, transaction
 numbers and errors, as the conformance checker tries them, plus bad input
 and a flood of requests), focuser (two focusers: connect, moves and limits,
 retarget, halt, temperature compensation, a focuser without a probe),
 discovery, restart (UniqueIDs across a restart; SIGINT and SIGTERM end it
-with 0) or setup (the setup pages in headless Chromium: the page renders, a
-form changes the backlash, a post from another origin is refused).
+with 0), setup (the setup pages in headless Chromium: the page renders, a
+form changes the backlash, a post from another origin is refused) or
+bluetooth (a virtual Bluetooth focuser on a private bus beside a USB one: a
+link dropped during a move shows no move running, and comes back).
 """
 import base64
 import concurrent.futures
@@ -30,6 +32,7 @@ import time
 import urllib.parse
 
 case, server_path, preload = sys.argv[1:4]
+bluez_sim, bus_script = (sys.argv[4:6] + ["", ""])[:2]
 work = tempfile.mkdtemp(prefix="zor-alpaca.")
 control = os.path.join(work, "sim.sock")
 servers = []
@@ -55,11 +58,11 @@ def free_port(kind=socket.SOCK_STREAM):
 class Server:
     """One zor_alpaca process on loopback with its own virtual focusers."""
 
-    def __init__(self, sim, *extra):
+    def __init__(self, sim, *extra, env=None):
         self.port, self.discovery = free_port(), free_port(socket.SOCK_DGRAM)
         env = dict(os.environ, LD_PRELOAD=preload, ZOR_SIM=sim, ZOR_SIM_CONTROL=control,
                    HOME=os.path.join(work, "home"), XDG_CONFIG_HOME=os.path.join(work, "config"),
-                   XDG_RUNTIME_DIR=work)
+                   XDG_RUNTIME_DIR=work, **(env or {}))
         self.log = open(os.path.join(work, "server.log"), "ab")
         self.process = subprocess.Popen(
             [server_path, "--port", str(self.port), "--discovery-port", str(self.discovery),
@@ -494,8 +497,42 @@ def setup():
     check(s.stop() == 0, "exit status 0")
 
 
+# ---------------------------------------------------------------- Bluetooth
+
+def bluetooth():
+    bus = subprocess.Popen([bus_script], env=dict(os.environ, ZOR_BLUEZ_SIM=bluez_sim,
+                                                  ZOR_BLE_SIM="pro@382/name=Garage/speed=2000"),
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    try:
+        address = ""
+        for line in bus.stdout:
+            if line.startswith("DBUS_SYSTEM_BUS_ADDRESS="):
+                address = line.strip().split("=", 1)[1]
+                break
+        check(address, "a private bus")
+        s = Server("pro/speed=4000", "--ble", "Garage", env={"DBUS_SYSTEM_BUS_ADDRESS": address})
+        devices = s.request("GET", "/management/v1/configureddevices")[1]["Value"]
+        check(len(devices) == 2 and "Garage" in devices[1]["DeviceName"]
+              and devices[0]["UniqueID"] != devices[1]["UniqueID"], "USB, then Bluetooth: %s" % devices)
+        s.connect(0)
+        s.connect(1)
+        s.put("move", 1, Position=45000)
+        check(s.value("ismoving", 1) is True, "the Bluetooth focuser moves")
+        subprocess.run(["dbus-send", "--bus=" + address, "--print-reply", "--dest=com.zor.Sim", "/com/zor/Sim",
+                        "com.zor.Sim.DropLink", "string:Garage"], check=True, stdout=subprocess.DEVNULL)
+        s.wait(lambda: s.api("GET", "ismoving", device=1)["ErrorNumber"] == NOT_CONNECTED, "the lost link shown", 15)
+        check(s.value("connected", 1) is False, "not connected while the link is lost")
+        check(s.value("position", 0) == 30000, "the USB focuser answers meanwhile")
+        s.wait(lambda: s.api("GET", "position", device=1)["ErrorNumber"] == OK, "the link regained", 60)
+        check(s.value("connected", 1) is True, "connected again")
+        check(s.stop() == 0, "exit status 0")
+    finally:
+        bus.terminate()
+        bus.wait()
+
+
 try:
-    {"protocol": protocol, "focuser": focuser, "discovery": discovery, "restart": restart, "setup": setup}[case]()
+    {"bluetooth": bluetooth, "protocol": protocol, "focuser": focuser, "discovery": discovery, "restart": restart, "setup": setup}[case]()
     print("Alpaca %s: passed" % case)
 except Failure as failure:
     print("FAIL: %s" % failure, file=sys.stderr)
