@@ -10,7 +10,7 @@ debian_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev
   libgnustep-base-dev
-  libindi-dev indi-bin iproute2
+  libindi-dev indi-bin iproute2 python3
 )
 brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark)
 
