@@ -139,9 +139,10 @@ class Focuser:
 
     @property
     def model(self):
+        """"ZOR Pro", "ZORN", or None for firmware that does not name its model."""
         model = _abi.ZOR_TYPE()
         self._call("ZORGetType", byref(model))
-        return decode(model.Type)
+        return decode(model.Type) or None
 
     # ------------------------------------------------------------------ motion
 
@@ -288,6 +289,10 @@ class Focuser:
         if self._closed:
             code = code_of("ZOR_ERROR_BLE_NOT_CONNECTED" if self.is_bluetooth else "ZOR_ERROR_CLOSED")
             fail(name, code, "closed by this program")
+        # Over a lost link the library answers status reads from the last
+        # record it got, which would show a move running for ever.
+        if self._link_lost.is_set():
+            fail(name, code_of("ZOR_ERROR_BLE_NOT_CONNECTED"), "the Bluetooth link was lost")
         try:
             call(name, self._id, *args)
         except ZorError as e:
@@ -312,9 +317,13 @@ def focusers():
 
 
 def open(id):
-    """Opens the USB focuser with this ID (from focusers()) and returns it."""
+    """Opens the USB focuser with this ID (as focusers() lists it) and returns it."""
     id = as_int(id, "id")
-    call("ZOROpen", id)
+    # IDs exist only once the library has enumerated; a program may open a
+    # focuser it knows the ID of without listing first.
+    if status("ZOROpen", id) == code_of("ZOR_ERROR_INVALID_ID"):
+        status("ZORGetNum")
+        call("ZOROpen", id)
     return Focuser(id)
 
 
@@ -329,7 +338,7 @@ def _describe(id):
         model, sn = _abi.ZOR_TYPE(), _abi.ZOR_SN()
         model_ok = status("ZORGetType", id, byref(model)) == _abi.SUCCESS
         serial_ok = status("ZORGetSerialNumber", id, byref(sn)) == _abi.SUCCESS
-        return FocuserInfo(id, decode(info.Name), decode(model.Type) if model_ok else None,
+        return FocuserInfo(id, decode(info.Name), (decode(model.Type) or None) if model_ok else None,
                            bytes(sn.id).hex() if serial_ok else None, info.MaxStep)
     finally:
         if opened_here:
