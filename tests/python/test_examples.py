@@ -2,6 +2,9 @@
 focuser that ctest describes in ZOR_SIM (a fast ZOR Pro at 12.5 °C), each in
 a process of its own."""
 
+import os
+import re
+import shlex
 import subprocess
 import sys
 from pathlib import Path
@@ -29,3 +32,23 @@ def test_temperature_logger_prints_each_reading():
     assert lines[0] == "time,temperature_c,position"
     assert len(lines) == 4
     assert all(line.split(",")[1:] == ["12.5", "30000"] for line in lines[1:])
+
+
+def test_readme_python_session_works_as_written(tmp_path):
+    """The session of README's "Using it from Python", run as a doctest with
+    the environment its first line sets, build-demo/ being this build."""
+    root = Path(__file__).resolve().parents[2]
+    section = (root / "README.md").read_text().split("## Using it from Python", 1)[1]
+    session = re.search(r"```console\n(.*?)```", section, re.S).group(1)
+    command, doctest_lines = session.split("\n", 1)
+    *assignments, program = shlex.split(command.removeprefix("$ "))
+    assert program == "python3"
+    build = Path(os.environ["PYTHONPATH"].split(os.pathsep)[0]).parent
+    environment = dict(os.environ)
+    for assignment in assignments:
+        name, value = assignment.split("=", 1)
+        environment[name] = str(root / value.replace("build-demo", str(build))) if "/" in value else value
+    (tmp_path / "session.txt").write_text(doctest_lines)
+    done = subprocess.run([sys.executable, "-m", "doctest", str(tmp_path / "session.txt")], cwd=root,
+                          env=environment, capture_output=True, text=True, timeout=60)
+    assert done.returncode == 0, done.stdout + done.stderr
