@@ -321,9 +321,12 @@ def open(id):
     id = as_int(id, "id")
     # IDs exist only once the library has enumerated; a program may open a
     # focuser it knows the ID of without listing first.
-    if status("ZOROpen", id) == code_of("ZOR_ERROR_INVALID_ID"):
+    code = status("ZOROpen", id)
+    if code == code_of("ZOR_ERROR_INVALID_ID"):
         status("ZORGetNum")
-        call("ZOROpen", id)
+        code = status("ZOROpen", id)
+    if code != _abi.SUCCESS:
+        fail("ZOROpen", code)
     return Focuser(id)
 
 

@@ -1,7 +1,9 @@
 """The package over USB, against the virtual focusers that ctest describes in
 ZOR_SIM: 0 a fast ZOR Pro at 12.5 °C, 1 a slow ZOR Pro, 2 an early focuser
-without model string."""
+without model string; ZOR_SIM_CONTROL is their control socket."""
 
+import os
+import socket
 from ctypes import byref, c_int
 
 import pytest
@@ -10,6 +12,15 @@ import zorfocuser
 from zorfocuser import _library
 
 FAST, SLOW, OLD = 0, 1, 2
+
+
+def sim_control(command):
+    """Sends one command to the virtual focusers of this process (ZOR_SIM_CONTROL)."""
+    with socket.socket(socket.AF_UNIX) as control:
+        control.connect(os.environ["ZOR_SIM_CONTROL"])
+        control.sendall(command.encode() + b"\n")
+        answer = control.makefile().readline()
+    assert answer.startswith("ok"), answer
 
 
 def library_position(id):
@@ -90,6 +101,8 @@ def test_failures_raise_their_family_with_code_name_and_meaning():
         raises_with(zorfocuser.NotSupported, 8, "ZOR_ERROR_NOT_SUPPORTED", f.all_info)
     with zorfocuser.open(OLD) as old:
         raises_with(zorfocuser.NotSupported, 8, "ZOR_ERROR_NOT_SUPPORTED", old.battery)
+    sim_control(f"fail-opens {OLD} 1 denied")
+    raises_with(zorfocuser.NotConnected, 4, "ZOR_ERROR_REMOVED", lambda: zorfocuser.open(OLD))
     with zorfocuser.open(SLOW) as slow:
         slow.move_to(slow.position + 20000)
         raises_with(zorfocuser.Moving, 5, "ZOR_ERROR_MOVING", lambda: setattr(slow, "backlash", 10))
