@@ -1,13 +1,17 @@
 """The package's records and result codes against ZOR_focuser.h as a C compiler
 lays it out: every record's size, every field's offset and size, and every
-result code's value, name and meaning."""
+result code's value, name and meaning; and ZOR_LIBRARY choosing the library."""
 
 import ctypes
+import os
 import re
+import shutil
 import subprocess
+import sys
 from pathlib import Path
 
 from conftest import required_environment
+import zorfocuser
 from zorfocuser import _abi
 
 INCLUDE_DIR = Path(required_environment("ZOR_INCLUDE_DIR"))
@@ -70,3 +74,17 @@ def test_result_codes_have_the_header_values_names_and_meanings(tmp_path):
     assert {name: (value,) for value, name, _ in _abi.RESULT_CODES} == \
         {name: compiled[name] for name in texts}
     assert {name: meaning for _, name, meaning in _abi.RESULT_CODES} == texts
+
+
+def test_zor_library_names_the_library_loaded(tmp_path):
+    def load_with(library):
+        return subprocess.run([sys.executable, "-c", "import zorfocuser; print(zorfocuser.library_path)"],
+                              env=dict(os.environ, ZOR_LIBRARY=str(library)), capture_output=True, text=True)
+
+    copy = tmp_path / "libZORfocuser-copy.so"
+    shutil.copyfile(zorfocuser.library_path, copy)
+    assert load_with(copy).stdout.strip() == str(copy)
+    missing = load_with(tmp_path / "absent.so")
+    assert missing.returncode != 0
+    assert f"zorfocuser cannot load the focuser library {tmp_path / 'absent.so'}" in missing.stderr
+
