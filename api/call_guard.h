@@ -51,6 +51,35 @@ private:
 
 inline ZOR_ERROR_CODE asCode(int result) { return static_cast<ZOR_ERROR_CODE>(result); }
 
+// A call inside the object of a table ID, counted from before the object is
+// looked up until the call returns, so that ZORBLEDisconnect deletes the
+// object only once no call is inside it.
+class TableCall {
+public:
+    explicit TableCall(int id) : m_count(g_bleCallsInProgress[id]) { ++m_count; }
+    ~TableCall() { --m_count; }
+    TableCall(const TableCall &) = delete;
+    TableCall &operator=(const TableCall &) = delete;
+
+private:
+    std::atomic<int> &m_count;
+};
+
+// The object of a table ID, for a call counted by a TableCall; `absent`
+// without one, and 53 on a Bluetooth ID whose session has ended when the
+// call needs one.
+template <typename Method>
+ZOR_ERROR_CODE onBluetoothObject(int id, ZOR_ERROR_CODE absent, bool needsSession, Method &&method)
+{
+    const TableCall call(id);
+    CZOR *device = pZOR[id].load();
+    if (!device)
+        return absent;
+    if (needsSession && id >= ZOR_BLE_ID_BASE && !device->isBleSessionOn())
+        return ZOR_ERROR_BLE_NOT_CONNECTED;
+    return asCode(method(*device));
+}
+
 // USB path: an ID of 0..127 with a stored path, under the family's lock.
 template <typename Method>
 ZOR_ERROR_CODE onUsb(int id, int family, Method &&method)
@@ -74,13 +103,12 @@ ZOR_ERROR_CODE onEitherLink(const char *func, int id, int family, const char *fa
             return onUsb(id, family, method);
         if (!isTableId(id))
             return ZOR_ERROR_INVALID_ID;
-        CZOR *device = pZOR[id].load();
-        if (!device)
-            return ZOR_ERROR_BLE_NOT_CONNECTED;
-        const int result = method(*device, true);
-        if (result != ZOR_SUCCESS)
-            ZORDbgPrint(func, failure, result);
-        return asCode(result);
+        return onBluetoothObject(id, ZOR_ERROR_BLE_NOT_CONNECTED, true, [&](CZOR &device) {
+            const int result = method(device, true);
+            if (result != ZOR_SUCCESS)
+                ZORDbgPrint(func, failure, result);
+            return result;
+        });
     });
 }
 

@@ -9,6 +9,8 @@ char DevPathArray[ZOR_MAX_NUM][kPathBytes];
 std::atomic<CZOR *> pZOR[ZOR_MAX_NUM];
 LockRecord MutexCamPt[ZOR_MAX_NUM];
 int g_BleStartId = ZOR_BLE_ID_BASE;
+std::recursive_mutex g_bleIdMutex;
+std::atomic<int> g_bleCallsInProgress[ZOR_MAX_NUM];
 
 int InitCriSecZOR(S_MUTEX_UNIX *m)
 {

@@ -7,6 +7,7 @@
 #include "device/zor.h"
 
 #include <atomic>
+#include <mutex>
 #include <pthread.h>
 
 constexpr int kLockFamilies = 64;
@@ -37,6 +38,13 @@ extern char DevPathArray[ZOR_MAX_NUM][kPathBytes];
 extern std::atomic<CZOR *> pZOR[ZOR_MAX_NUM];
 extern LockRecord MutexCamPt[ZOR_MAX_NUM];
 extern int g_BleStartId;
+// Serialises the handing out and taking back of Bluetooth IDs. Recursive: a
+// connect that takes the link over runs the older session's callbacks, which
+// may disconnect it.
+extern std::recursive_mutex g_bleIdMutex;
+// The calls inside each ID's object on the Bluetooth path; its object is
+// deleted only once none is.
+extern std::atomic<int> g_bleCallsInProgress[ZOR_MAX_NUM];
 
 inline bool isTableId(int id) { return id >= 0 && id < ZOR_MAX_NUM; }
 inline bool hasPath(int id) { return isTableId(id) && DevPathArray[id][0] != '\0'; }

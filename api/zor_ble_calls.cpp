@@ -4,25 +4,35 @@
 // serialises its own exchanges.
 #include "api/call_guard.h"
 
+#include <chrono>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 using namespace zor::api;
 
 namespace {
 
 // Calls that index the device table directly: 2 outside it, `absent`
-// without an object there (a USB object is accepted too).
+// without an object there (a USB object is accepted too). Those that talk to
+// the focuser get 53 on a Bluetooth ID whose session has ended.
 template <typename Method>
-ZOR_ERROR_CODE onTableObject(const char *func, int id, ZOR_ERROR_CODE absent, Method &&method)
+ZOR_ERROR_CODE onTableObject(const char *func, int id, ZOR_ERROR_CODE absent, Method &&method,
+                             bool needsSession = false)
 {
     return guarded(func, [&] {
         if (!isTableId(id))
             return ZOR_ERROR_INVALID_ID;
-        CZOR *device = pZOR[id].load();
-        if (!device)
-            return absent;
-        return asCode(method(*device));
+        return onBluetoothObject(id, absent, needsSession, method);
     });
+}
+
+// Waits until no call is inside the object of `id` any more; its session
+// has ended, so every such call returns soon.
+void waitForCallsToLeave(int id)
+{
+    while (g_bleCallsInProgress[id].load() != 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 // Calls only for Bluetooth IDs: 2 below 50 or beyond the table, 53 without
@@ -32,12 +42,16 @@ ZOR_ERROR_CODE onBluetoothId(const char *func, int id, const char *failure, Meth
 {
     if (id < ZOR_BLE_ID_BASE)
         return ZOR_ERROR_INVALID_ID;
-    return onTableObject(func, id, ZOR_ERROR_BLE_NOT_CONNECTED, [&](CZOR &device) {
-        const int result = method(device);
-        if (result != ZOR_SUCCESS)
-            ZORDbgPrint(func, failure, result);
-        return result;
-    });
+    // Through onTableObject: counted, and 53 once the session has ended.
+    return onTableObject(
+        func, id, ZOR_ERROR_BLE_NOT_CONNECTED,
+        [&](CZOR &device) {
+            const int result = method(device);
+            if (result != ZOR_SUCCESS)
+                ZORDbgPrint(func, failure, result);
+            return result;
+        },
+        true);
 }
 
 } // namespace
@@ -59,6 +73,8 @@ ZOR_ERROR_CODE ZORBLEConnect(const char *pName, const char *pAddress, int *ID)
     return guarded(__func__, [&] {
         if (!ID)
             return ZOR_ERROR_INVALID_VALUE;
+        // Two threads connecting at once are handed different IDs.
+        std::lock_guard<std::recursive_mutex> ids(g_bleIdMutex);
         const int id = g_BleStartId;
         // IDs beyond the table: the connect is refused and nothing changes.
         if (!isTableId(id))
@@ -84,12 +100,16 @@ ZOR_ERROR_CODE ZORBLEDisconnect(int ID)
     return guarded(__func__, [&] {
         if (!isTableId(ID))
             return ZOR_ERROR_INVALID_ID;
+        std::lock_guard<std::recursive_mutex> ids(g_bleIdMutex);
         ZORDbgPrint(__func__, "ZORBLEDisconnect[%d] is %p\n", ID, static_cast<void *>(pZOR[ID].load()));
         CZOR *device = pZOR[ID].load();
         if (!device)
             return ZOR_ERROR_INVALID_ID;
         const int result = device->BLEDisconnect();
-        delete pZOR[ID].exchange(nullptr);
+        // Later calls find no object; the ones already inside it finish first.
+        pZOR[ID] = nullptr;
+        waitForCallsToLeave(ID);
+        delete device;
         --g_BleStartId;
         return asCode(result);
     });
@@ -97,12 +117,13 @@ ZOR_ERROR_CODE ZORBLEDisconnect(int ID)
 
 ZOR_ERROR_CODE ZORBLEPair(int ID)
 {
-    return onTableObject(__func__, ID, ZOR_ERROR_BLE_NOT_CONNECTED, [](CZOR &z) { return z.BLEPair(); });
+    return onTableObject(__func__, ID, ZOR_ERROR_BLE_NOT_CONNECTED, [](CZOR &z) { return z.BLEPair(); }, true);
 }
 
 ZOR_ERROR_CODE ZORBLEClearPair(int ID)
 {
-    return onTableObject(__func__, ID, ZOR_ERROR_BLE_NOT_CONNECTED, [](CZOR &z) { return z.BLEClearPair(); });
+    return onTableObject(
+        __func__, ID, ZOR_ERROR_BLE_NOT_CONNECTED, [](CZOR &z) { return z.BLEClearPair(); }, true);
 }
 
 ZOR_ERROR_CODE ZORBLERegPairStateCallback(int ID, ZORPairStateCallback cb)

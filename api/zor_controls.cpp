@@ -268,9 +268,10 @@ ZOR_ERROR_CODE ZORSetSpeed(int ID, int iVal)
 ZOR_ERROR_CODE ZORSendCMD(int ID, unsigned char *pCmd, int iLen, bool bRead, unsigned char *pOut)
 {
     // Caller mistakes get 3 and send nothing: without a command of at least
-    // one byte the previous request would go again.
+    // one byte the previous request would go again. Without a reply buffer
+    // the command is only sent.
     return onUsbOnly(__func__, ID, kSendCmd, [&](CZOR &z) {
-        if (!pCmd || iLen < 1 || (bRead && !pOut))
+        if (!pCmd || iLen < 1)
             return static_cast<int>(ZOR_ERROR_INVALID_VALUE);
         return z.sendCMD(pCmd, iLen, bRead, pOut);
     });

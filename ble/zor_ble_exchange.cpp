@@ -121,10 +121,11 @@ int CZOR::bleSendData(BLEProtocol::CommandType type, std::vector<unsigned char> 
     BLEProtocol::encodeRequest(request, frame);
 
     manager->setIsRead(waitForResponse);
-    // Every payload the device object builds holds at least the two marker and
-    // two command bytes; a shorter one throws std::out_of_range here, before
-    // anything is sent.
-    ZOR_LOG("input:%02x, %02x, iCommandId:%d", payload.at(2), payload.at(3), static_cast<int>(commandId));
+    // The command bytes of the payload; the tail of a firmware image can be
+    // shorter, and its missing bytes are logged as 0 (no access outside a
+    // buffer).
+    const auto logged = [&payload](size_t at) { return at < payload.size() ? payload[at] : 0; };
+    ZOR_LOG("input:%02x, %02x, iCommandId:%d", logged(2), logged(3), static_cast<int>(commandId));
     if (!manager->SendData(frame, kSendReserved1, kSendReserved2))
         return ZOR_ERROR_BLE_SEND;
     if (!waitForResponse)

@@ -59,8 +59,9 @@ std::string CZOR::localAddressText()
 
 int CZOR::BLEScan(int durationMs, BLE_DEVICE_INFO *list, int maxCount, int *found)
 {
-    // Caller mistakes get 3: nowhere to count, or a list that cannot be written.
-    if (!found || maxCount < 0 || (maxCount > 0 && !list))
+    // Caller mistakes get 3: nowhere to count, a negative time, or a list
+    // that cannot be written.
+    if (!found || durationMs < 0 || maxCount < 0 || (maxCount > 0 && !list))
         return ZOR_ERROR_INVALID_VALUE;
     IBluetoothLEManager &manager = bleManager();
     if (!manager.IsBluetoothLESupported()) {
@@ -91,6 +92,9 @@ int CZOR::BLEConnect(const char *name, const char *address)
         return ZOR_ERROR_BLE_CONNECT_FAILED;
     manager.ReceiveData(kReceiveReserved1, kReceiveReserved2);
     m_bBleConnected = true;
+    // The object watches its own link from now on, whether or not the
+    // application registers a callback: a lost link ends the session.
+    watchLink();
     return ZOR_SUCCESS;
 }
 
@@ -124,7 +128,7 @@ int CZOR::BLEPair()
     if (bleSendData(BLEProtocol::CMD_PAIR, {address.begin(), address.end()}, true, answer) != ZOR_SUCCESS) {
         ZOR_LOG("++++++++++++++++++BLEPair failed++++++++++++++++++");
         if (m_pBleManager)
-            dropBleLink(true);
+            dropBleLink();
         return ZOR_ERROR_BLE_PAIR_FAILED;
     }
     ZOR_LOG("++++++++++++++++++ getFwVer ++++++++++++++++++");
@@ -157,20 +161,25 @@ int CZOR::BLEClearPair()
     return ZOR_SUCCESS;
 }
 
-void CZOR::dropBleLink(bool mayWaitForLock)
+void CZOR::dropBleLink()
 {
+    // A session that has already ended (its link lost, or taken over by a
+    // newer connect) has nothing left to stop or to disconnect: the link may
+    // now be another ID's.
+    if (!m_bBleConnected)
+        return endBleSession();
     {
-        // The transport's thread never waits for the object's lock: an
-        // exchange holding it may be waiting for that very thread.
-        std::unique_lock<std::recursive_mutex> lock(m_mutex, std::defer_lock);
-        if (mayWaitForLock)
-            lock.lock();
-        else
-            lock.try_lock();
-        if (lock.owns_lock() && m_iEnabled == 1)
+        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        if (m_iEnabled == 1)
             stopMove(true);
     }
+    // The stop and the disconnect have both reached the link when this returns.
     m_pBleManager->DisconnectFromDevice();
+    endBleSession();
+}
+
+void CZOR::endBleSession()
+{
     m_bBlePaired = false;
     m_bBleSessionReady = false;
     m_bBleConnected = false;
@@ -180,7 +189,7 @@ int CZOR::BLEDisconnect()
 {
     if (!m_pBleManager)
         return ZOR_ERROR_CLOSED;
-    dropBleLink(true);
+    dropBleLink();
     return ZOR_SUCCESS;
 }
 
@@ -199,9 +208,14 @@ int CZOR::BLERegConnStateCallback(ZORConnStateCallback callback)
         return ZOR_ERROR_CLOSED;
     m_connStateCallback = callback;
     ZOR_LOG("BLE connection state callback registered.");
+    watchLink();
+    return ZOR_SUCCESS;
+}
+
+void CZOR::watchLink()
+{
     std::shared_ptr<ConnectionGate> gate = m_connectionGate;
     m_pBleManager->ConnectStateCallbackFunc([gate](bool connected) { onConnectionState(*gate, connected); });
-    return ZOR_SUCCESS;
 }
 
 void CZOR::onConnectionState(ConnectionGate &gate, bool connected)
@@ -221,13 +235,13 @@ void CZOR::onConnectionState(ConnectionGate &gate, bool connected)
 void CZOR::onLinkLost()
 {
     ZOR_LOG_AS("onConnectionState", "BLE disconnected, resetting flags.");
-    if (m_pBleManager) {
-        dropBleLink(false);
-        return;
-    }
-    m_bBlePaired = false;
-    m_bBleSessionReady = false;
-    m_bBleConnected = false;
+    // Nothing can reach the focuser any more, so nothing is sent: the session
+    // ends (its calls answer 53 until a new connect), and a move that ran is
+    // reported stopped. The lock is free soon: the transport has already
+    // woken every exchange that waited on this link.
+    endBleSession();
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    m_iEnabled = 0;
 }
 
 int CZOR::BLEGetAllInfo(ZOR_ALL_INFO *info)
@@ -240,6 +254,9 @@ int CZOR::BLEGetAllInfo(ZOR_ALL_INFO *info)
     std::vector<unsigned char> r;
     const int result =
         bleSendData(BLEProtocol::CMD_EXTENDED, {0x7E, 0x5A, BLEProtocol::EXT_GET_ALL_INFO, 0x00}, true, r);
+    // A failed exchange says why, rather than as an answer too short.
+    if (result != ZOR_SUCCESS)
+        return result;
     if (r.size() < kAllInfoMinBytes) {
         ZOR_LOG("OntputData size %d < %d", static_cast<int>(r.size()), static_cast<int>(kAllInfoMinBytes));
         return ZOR_ERROR_INVALID_VALUE;

@@ -1,5 +1,6 @@
 #include "ble_transport/ble_le_manager.h"
 
+#include "ble_transport/caller_events.h"
 #include "support/log.h"
 
 #include <utility>
@@ -12,55 +13,66 @@ constexpr char kLogModule[] = "BluetoothLEManagerMac";
 constexpr char kLogModule[] = "BluetoothLEManagerLinux";
 #endif
 
-using std::chrono::milliseconds;
-
-// Construction lets events run for at most this long per cycle.
-constexpr milliseconds kEventCycle{100};
-// The waits of scan, connect and data let the events that have come reach
-// the flags (on Linux they arrive on the central's own thread; on macOS a
-// run-loop pass delivers them) without waiting for more, then sleep. So each
-// wait lasts its cycle count times its pause, as its log line says (10 s to
-// connect, 5 s for an answer), and an answer is seen within one pause of its
-// arrival.
-constexpr milliseconds kPollEvents{0};
-constexpr milliseconds kScanPause{100};
-constexpr milliseconds kConnectPause{100};
-constexpr milliseconds kDataPause{10};
-constexpr int kConnectCycles = 100;
-// The data wait counts down from here to 1: 500 cycles.
-constexpr int kDataCountdown = 501;
-// A notification seen when the count is down to this or lower fails the wait
-// that sees it and is left for the next one.
-constexpr int kDataLateCount = 2;
+// How often a wait on a thread with a loop of its own lets that loop run.
+constexpr std::chrono::milliseconds kCallerLoopSlice{10};
 
 } // namespace
 
-BluetoothLEManager::BluetoothLEManager(std::unique_ptr<BleCentral> central) : m_central(std::move(central))
+BluetoothLEManager::BluetoothLEManager(std::unique_ptr<ble::PlatformCentral> platform, Limits limits)
+    : m_limits(limits), m_core(std::make_unique<CentralCore>(std::move(platform)))
 {
-    m_isCMStateUpdated = false;
-    m_central->start(*this);
+    m_core->start(*this);
     ZOR_LOG("Init mac BLEManager finished, waiting for State update...");
-    // No limit: the central reports a state even when the platform has no
-    // radio at all.
-    while (!m_isCMStateUpdated)
-        m_central->waitForEvents(kEventCycle);
+    // No limit: a platform reports a state even when it has no radio at all.
+    std::unique_lock<std::mutex> lock(m_stateMutex);
+    waitUntil(lock, Clock::time_point::max(), [this] { return m_stateReported; });
+    lock.unlock();
     ZOR_LOG("CoreBluetooth CentralManager State Updated finished!");
 }
 
-// The central goes first: its events call into this object.
-BluetoothLEManager::~BluetoothLEManager() { m_central.reset(); }
+BluetoothLEManager::~BluetoothLEManager() = default;
 
-void BluetoothLEManager::runCycle(milliseconds pause)
+template <typename Ready>
+bool BluetoothLEManager::waitUntil(std::unique_lock<std::mutex> &lock, Clock::time_point deadline, Ready ready)
 {
-    m_central->waitForEvents(kPollEvents);
-    m_central->sleepFor(pause);
+    if (ready())
+        return true;
+    lock.unlock();
+    const bool servesLoop = serviceCallerEvents();
+    lock.lock();
+    if (!servesLoop)
+        return m_changed.wait_until(lock, deadline, ready);
+    while (!ready()) {
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline)
+            return false;
+        const auto slice = deadline - now < kCallerLoopSlice ? deadline - now : Clock::duration(kCallerLoopSlice);
+        if (m_changed.wait_for(lock, slice, ready))
+            break;
+        lock.unlock();
+        serviceCallerEvents();
+        lock.lock();
+    }
+    return true;
+}
+
+bool BluetoothLEManager::waitForAnswer(CentralCore::Ticket ticket, bool whileLinkUp)
+{
+    // The answer comes on the event thread: waiting there would only stall it.
+    if (ticket == 0 || CentralCore::isEventThread())
+        return ticket != 0;
+    std::unique_lock<std::mutex> lock(m_stateMutex);
+    const uint64_t link = m_linkEpoch;
+    waitUntil(lock, Clock::now() + m_limits.answer, [&] {
+        return m_core->isAnswered(ticket) || (whileLinkUp && m_linkEpoch != link);
+    });
+    return m_core->isAnswered(ticket) && !(whileLinkUp && m_linkEpoch != link);
 }
 
 bool BluetoothLEManager::IsBluetoothLESupported()
 {
     ZOR_LOG("Check if BluetoothLE is supported");
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_central->isPoweredOn())
+    if (!m_core->isPoweredOn())
         return false;
     ZOR_LOG("BluetoothLE is supported.");
     return true;
@@ -68,50 +80,76 @@ bool BluetoothLEManager::IsBluetoothLESupported()
 
 void BluetoothLEManager::ScanForDevices(uint32_t durationMs, std::vector<DeviceInfo> &devices)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_central->startScanning() != 0)
+    std::lock_guard<std::mutex> scan(m_scanMutex);
+    if (m_core->startScanning() != 0)
         return;
-    const double seconds = durationMs / 1000.0;
-    ZOR_LOG("Scanning for devices: duration = %dms (%.2f sec)", static_cast<int>(durationMs), seconds);
-    const int cycles = static_cast<int>(seconds * 10);
-    for (int cycle = 0; cycle < cycles; ++cycle)
-        runCycle(kScanPause);
+    ZOR_LOG("Scanning for devices: duration = %dms (%.2f sec)", static_cast<int>(durationMs), durationMs / 1000.0);
+    {
+        std::unique_lock<std::mutex> lock(m_stateMutex);
+        waitUntil(lock, Clock::now() + std::chrono::milliseconds(durationMs), [] { return false; });
+    }
     ZOR_LOG("stopScanning");
-    m_central->stopScanning();
-    m_central->getDiscoveredPeripherals(devices);
+    // Discovery has ended on the platform's side before the scan returns.
+    waitForAnswer(m_core->stopScanning(), false);
+    m_core->getDiscoveredPeripherals(devices);
 }
 
-bool BluetoothLEManager::waitForConnectCompletion()
+std::function<void(bool)> BluetoothLEManager::endLink()
 {
-    // On the event thread (a connection-state callback calling back in)
-    // the completion could only come after the wait: it ends at once, so
-    // that the thread never stalls.
-    if (m_central->isEventThread())
-        return m_isPCCompleted;
-    for (int cycle = 0; cycle < kConnectCycles && !m_isPCCompleted; ++cycle)
-        runCycle(kConnectPause);
-    return m_isPCCompleted;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        m_linkUp = false;
+        ++m_linkEpoch;
+    }
+    m_changed.notify_all();
+    return replaceCallback(nullptr);
+}
+
+bool BluetoothLEManager::connect(const std::string &name)
+{
+    std::lock_guard<std::mutex> connecting(m_connectMutex);
+    // One link at a time: a connect ends the session that had the link, as
+    // if it had been lost, so that its calls never reach the new focuser.
+    bool hadLink;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        hadLink = m_linkUp;
+        m_attemptCompleted = false;
+    }
+    if (hadLink) {
+        if (std::function<void(bool)> previous = endLink())
+            previous(false);
+    }
+    if (m_core->startConnect(name) != 0)
+        return false;
+    std::unique_lock<std::mutex> lock(m_stateMutex);
+    // On the event thread (a callback calling back in) the completion could
+    // only come after the wait: it ends at once, so the thread never stalls.
+    const Clock::time_point deadline =
+        CentralCore::isEventThread() ? Clock::now() : Clock::now() + m_limits.connect;
+    if (!waitUntil(lock, deadline, [this] { return m_attemptCompleted; })) {
+        // The platform's attempt is left running.
+        ZOR_LOG("Connect To Device timeout after 10 seconds");
+        return false;
+    }
+    const uint64_t link = m_linkEpoch;
+    const bool lostWhileSettling = m_core->isConnectSuccess() &&
+        waitUntil(lock, Clock::now() + m_limits.settle, [&] { return m_linkEpoch != link; });
+    if (!m_core->isConnectSuccess() || lostWhileSettling) {
+        ZOR_LOG("ConnectToDevice %s failed", name.c_str());
+        return false;
+    }
+    m_linkUp = true;
+    return true;
 }
 
 bool BluetoothLEManager::ConnectToDevice(const std::string &name, const std::string &)
 {
     ZOR_LOG("ConnectToDevice: %s", name.c_str());
     try {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_isPCCompleted = false;
-        if (m_central->startConnect(name) != 0)
+        if (!connect(name))
             return false;
-        // The platform's attempt is left running on a time-out.
-        if (!waitForConnectCompletion()) {
-            ZOR_LOG("Connect To Device timeout after 10 seconds");
-            return false;
-        }
-        if (!m_central->isConnectSuccess()) {
-            ZOR_LOG("ConnectToDevice %s failed", name.c_str());
-            return false;
-        }
-        // Called with the manager lock held: the callback must not call back
-        // into anything that takes it.
+        // Called with no lock held, so that the callback may call back in.
         if (std::function<void(bool)> callback = connectStatusCallback()) {
             ZOR_LOG("ConnectToDevice callback, state: true");
             callback(true);
@@ -127,26 +165,25 @@ bool BluetoothLEManager::ConnectToDevice(const std::string &name, const std::str
 void BluetoothLEManager::DisconnectFromDevice()
 {
     ZOR_LOG("DisconnectFromDevice");
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_central->stopConnect();
-    replaceCallback(nullptr);
+    endLink();
+    // The disconnect has reached the platform, and been answered, before
+    // the call returns.
+    waitForAnswer(m_core->stopConnect(), false);
     ZOR_LOG("DisconnectFromDevice finished");
 }
 
 void BluetoothLEManager::ConnectStateCallbackFunc(std::function<void(bool)> callback)
 {
     ZOR_LOG("Set ConnectStateCallbackFunc: %p", static_cast<void *>(&callback));
+    // The previous one is destroyed here, outside the lock, before the call returns.
     replaceCallback(std::move(callback));
 }
 
-void BluetoothLEManager::replaceCallback(std::function<void(bool)> callback)
+std::function<void(bool)> BluetoothLEManager::replaceCallback(std::function<void(bool)> callback)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_callbackMutex);
-        m_connectStatusCallback.swap(callback);
-    }
-    // `callback` now holds the previous one: destroyed here, outside the
-    // lock, before the call returns.
+    std::lock_guard<std::mutex> lock(m_callbackMutex);
+    m_connectStatusCallback.swap(callback);
+    return callback;
 }
 
 std::function<void(bool)> BluetoothLEManager::connectStatusCallback()
@@ -157,43 +194,47 @@ std::function<void(bool)> BluetoothLEManager::connectStatusCallback()
 
 bool BluetoothLEManager::SendData(const std::vector<unsigned char> &data, uint32_t, uint32_t)
 {
-    // A failed write is only logged by the central.
-    m_central->sendMessage(data);
-    return true;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        if (!m_linkUp)
+            return false;
+    }
+    // A write the platform refuses later is only logged by the central.
+    return waitForAnswer(m_core->sendMessage(data), true);
 }
 
 void BluetoothLEManager::ReceiveData(uint32_t, uint32_t) {}
 
-void BluetoothLEManager::setIsRead(bool isRead)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_bIsRead = isRead;
-}
+// No lock: an exchange never waits for a scan or a connect in progress.
+void BluetoothLEManager::setIsRead(bool isRead) { m_isRead = isRead; }
 
 void BluetoothLEManager::GetReceivedData(std::vector<unsigned char> &data)
 {
-    std::lock_guard<std::mutex> lock(m_dataMutex);
-    if (&data != &m_ui8ReceivedDatas)
-        data = m_ui8ReceivedDatas;
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    if (&data != &m_received)
+        data = m_received;
 }
 
 bool BluetoothLEManager::WaitForDataAndProcess()
 {
-    if (m_bDataReady.exchange(false))
-        return true;
-    // As for the connect wait: nothing can arrive while the event thread waits.
-    const int countdown = m_central->isEventThread() ? 1 : kDataCountdown;
-    for (int count = countdown; count != 1;) {
-        runCycle(kDataPause);
-        --count;
-        if (!m_bDataReady)
-            continue;
-        // A late arrival stays flagged, so the next wait returns at once.
-        if (count <= kDataLateCount)
-            break;
-        m_bDataReady = false;
+    std::unique_lock<std::mutex> lock(m_stateMutex);
+    if (m_dataReady) {
+        m_dataReady = false;
         return true;
     }
+    // Nothing can arrive without a link, or while the event thread itself waits.
+    if (m_linkUp && !CentralCore::isEventThread()) {
+        const uint64_t link = m_linkEpoch;
+        const Clock::time_point deadline = Clock::now() + m_limits.data;
+        waitUntil(lock, deadline, [&] { return m_dataReady || m_linkEpoch != link; });
+        // An answer that came in the last moments stays flagged: the next
+        // wait returns it at once.
+        if (m_dataReady && m_dataArrived <= deadline - m_limits.lateData) {
+            m_dataReady = false;
+            return true;
+        }
+    }
+    lock.unlock();
     ZOR_LOG("===== Debug: Data waiting timed out after 1 seconds.");
     return false;
 }
@@ -201,17 +242,42 @@ bool BluetoothLEManager::WaitForDataAndProcess()
 void BluetoothLEManager::GetLocalBluetoothMacAddress(std::string &address)
 {
     ZOR_LOG("GetLocalBluetoothMacAddress");
-    m_central->getLocalMacAddress(address);
+    m_core->getLocalMacAddress(address);
 }
 
-void BluetoothLEManager::onCentralManagerUpdateState() { m_isCMStateUpdated = true; }
+// --- the central's events --------------------------------------------------------
 
-void BluetoothLEManager::onPeripheralConnectCompleted() { m_isPCCompleted = true; }
+void BluetoothLEManager::onRadioStateReported()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        m_stateReported = true;
+    }
+    m_changed.notify_all();
+}
 
-void BluetoothLEManager::onPeripheralDisconnect()
+void BluetoothLEManager::onConnectCompleted()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        m_attemptCompleted = true;
+    }
+    m_changed.notify_all();
+}
+
+void BluetoothLEManager::onRequestAnswered()
+{
+    // Under the lock, so that a waiter between its check and its sleep
+    // cannot miss it.
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    m_changed.notify_all();
+}
+
+void BluetoothLEManager::onLinkLost()
 {
     ZOR_LOG("Peripheral disconnected");
-    std::function<void(bool)> callback = connectStatusCallback();
+    // Waits on the link end first, so that the callback never waits for them.
+    std::function<void(bool)> callback = endLink();
     if (!callback) {
         ZOR_LOG("s_connectStatusCallback is NULL, ignore");
         return;
@@ -220,11 +286,15 @@ void BluetoothLEManager::onPeripheralDisconnect()
     callback(false);
 }
 
-void BluetoothLEManager::onPeripheralNotified(const std::vector<unsigned char> &data)
+void BluetoothLEManager::onNotified(const std::vector<unsigned char> &data)
 {
-    if (!m_bIsRead)
+    if (!m_isRead)
         return;
-    std::lock_guard<std::mutex> lock(m_dataMutex);
-    m_ui8ReceivedDatas = data;
-    m_bDataReady = true;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        m_received = data;
+        m_dataReady = true;
+        m_dataArrived = Clock::now();
+    }
+    m_changed.notify_all();
 }

@@ -2,21 +2,13 @@
 
 #include "support/log.h"
 
-#include <ifaddrs.h>
-#include <net/if.h>
 #include <strings.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cstdio>
-
-#ifdef __APPLE__
-#include <net/if_dl.h>
-#else
-#include <netpacket/packet.h>
-#endif
 
 const char kFocuserServiceUuid[] = "7C3E0001-91B2-4D5A-8E61-2F04C3A9D7B5";
+
+using namespace ble;
 
 namespace {
 
@@ -33,21 +25,34 @@ constexpr char kBridgeModule[] = "LinuxBLEManagerBridge";
 #define CENTRAL_LOG(...) ::zor::logInfoFormatted(kCentralModule, __LINE__, __func__, __VA_ARGS__)
 #define BRIDGE_LOG(...) ::zor::logInfoFormatted(kBridgeModule, __LINE__, __func__, __VA_ARGS__)
 
-using std::chrono::milliseconds;
+const char *describe(const Error &error) { return error ? error->c_str() : "(null)"; }
 
-// Half of the pause that lets the device settle once notifications are on.
-constexpr milliseconds kSettleStep{1000};
+thread_local int t_eventDepth = 0;
 
-const char *describe(const BleError &error) { return error ? error->c_str() : "(null)"; }
+// Marks the current thread as delivering an event while one is handled.
+class EventScope {
+public:
+    EventScope() { ++t_eventDepth; }
+    ~EventScope() { --t_eventDepth; }
+    EventScope(const EventScope &) = delete;
+    EventScope &operator=(const EventScope &) = delete;
+};
 
 } // namespace
 
-// --- manager side ------------------------------------------------------------
+CentralCore::CentralCore(std::unique_ptr<PlatformCentral> platform) : m_platform(std::move(platform)) {}
+
+// The platform goes first: its event thread calls into this object.
+CentralCore::~CentralCore() { m_platform.reset(); }
+
+bool CentralCore::isEventThread() { return t_eventDepth > 0; }
+
+// --- what the manager asks -----------------------------------------------------
 
 void CentralCore::start(Listener &listener)
 {
     m_listener = &listener;
-    platformStart();
+    m_platform->start(*this);
 }
 
 bool CentralCore::isPoweredOn()
@@ -70,17 +75,26 @@ int CentralCore::startScanning()
             return -1;
         }
         // Each scan starts from an empty table, except for connected peripherals.
-        m_discovered.erase(
-            std::remove_if(m_discovered.begin(), m_discovered.end(),
-                           [this](const Advertisement &entry) { return !m_connected.count(entry.id); }),
-            m_discovered.end());
+        m_discovered.erase(std::remove_if(m_discovered.begin(), m_discovered.end(),
+                                          [this](const Advertisement &entry) { return !m_connected.count(entry.id); }),
+                           m_discovered.end());
     }
     CENTRAL_LOG("Start scan for peripherals");
-    platformStartScan();
+    m_platform->startScan();
     return 0;
 }
 
-void CentralCore::stopScanning() { platformStopScan(); }
+CentralCore::Ticket CentralCore::stopScanning()
+{
+    Ticket ticket;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ticket = openTicket();
+        m_scanStops.push_back(ticket);
+    }
+    m_platform->stopScan();
+    return ticket;
+}
 
 void CentralCore::getDiscoveredPeripherals(std::vector<DeviceInfo> &devices)
 {
@@ -91,7 +105,7 @@ void CentralCore::getDiscoveredPeripherals(std::vector<DeviceInfo> &devices)
     }
 }
 
-const CentralCore::Advertisement *CentralCore::findByName(const std::string &name) const
+const Advertisement *CentralCore::findByName(const std::string &name) const
 {
     for (const Advertisement &entry : m_discovered) {
         if (!entry.name.empty() && entry.name == name)
@@ -115,28 +129,32 @@ int CentralCore::startConnect(const std::string &name)
         previous = m_current;
         m_current = found;
         m_attemptOpen = true;
+        m_connectSuccess = false;
     }
-    BRIDGE_LOG("Success find device:%s (UUID:%s) in peripherals, Start to connect", name.c_str(),
-               found.c_str());
+    BRIDGE_LOG("Success find device:%s (UUID:%s) in peripherals, Start to connect", name.c_str(), found.c_str());
     // The link has one current peripheral: choosing another drops the first.
     if (!previous.empty() && previous != found)
-        platformCancelConnect(previous);
-    platformConnect(found);
+        m_platform->disconnect(previous);
+    m_platform->connect(found);
     return 0;
 }
 
-void CentralCore::stopConnect()
+CentralCore::Ticket CentralCore::stopConnect()
 {
     std::string current;
+    Ticket ticket = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_current.empty())
+            return 0;
         current = m_current;
+        ticket = openTicket();
+        m_disconnects[current].push_back(ticket);
     }
-    if (current.empty())
-        return;
     // It stays the current one until its disconnect event.
     BRIDGE_LOG("stopConnect peripheral:%p, UUID:%s", static_cast<const void *>(&m_current), current.c_str());
-    platformCancelConnect(current);
+    m_platform->disconnect(current);
+    return ticket;
 }
 
 bool CentralCore::isConnectSuccess()
@@ -145,29 +163,41 @@ bool CentralCore::isConnectSuccess()
     return m_connectSuccess;
 }
 
-void CentralCore::sendMessage(const Bytes &data)
+CentralCore::Ticket CentralCore::sendMessage(const Bytes &data)
 {
     std::string peripheral;
     std::string characteristic;
+    Ticket ticket = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         peripheral = m_current;
         characteristic = m_writeCharacteristic;
+        if (!peripheral.empty() && !characteristic.empty()) {
+            ticket = openTicket();
+            m_writes.push_back(ticket);
+        }
     }
     if (peripheral.empty()) {
         BRIDGE_LOG("sendMessage failed: Not connected");
-        return;
+        return 0;
     }
     if (characteristic.empty()) {
         CENTRAL_LOG("Error, NOT found writable characteristic");
-        return;
+        return 0;
     }
-    platformWrite(peripheral, characteristic, data);
+    m_platform->write(peripheral, characteristic, data);
+    return ticket;
+}
+
+bool CentralCore::isAnswered(Ticket ticket)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_unanswered.count(ticket) == 0;
 }
 
 void CentralCore::getLocalMacAddress(std::string &address)
 {
-    const std::optional<std::string> found = platformHostAddress();
+    const std::optional<std::string> found = m_platform->hostAddress();
     if (!found) {
         BRIDGE_LOG("Cannot Get Local Mac Address");
         return;
@@ -176,53 +206,74 @@ void CentralCore::getLocalMacAddress(std::string &address)
     BRIDGE_LOG("Get Local Mac Address:%s", address.c_str());
 }
 
-void CentralCore::waitForEvents(milliseconds limit)
+CentralCore::Ticket CentralCore::openTicket()
 {
-    std::unique_lock<std::mutex> lock(m_eventMutex);
-    m_eventCondition.wait_for(lock, limit, [this] { return m_eventPending; });
-    m_eventPending = false;
+    m_unanswered.insert(++m_lastTicket);
+    return m_lastTicket;
 }
 
-void CentralCore::signalEvent()
+bool CentralCore::answerOldest(std::deque<Ticket> &waiting)
 {
-    std::lock_guard<std::mutex> lock(m_eventMutex);
-    m_eventPending = true;
-    m_eventCondition.notify_all();
+    if (waiting.empty())
+        return false;
+    m_unanswered.erase(waiting.front());
+    waiting.pop_front();
+    return true;
 }
 
-// --- platform events ---------------------------------------------------------
+// --- platform events -------------------------------------------------------------
 
 void CentralCore::onRadioState(RadioState state)
 {
+    EventScope scope;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_radio = state;
     }
     CENTRAL_LOG("central state:%ld", static_cast<long>(state));
-    if (m_listener)
-        m_listener->onCentralManagerUpdateState();
-    if (state == RadioState::PoweredOff) {
-        // The links are gone without disconnect events of their own.
-        forgetLinks();
-        if (m_listener)
-            m_listener->onPeripheralDisconnect();
-        BRIDGE_LOG("Bluetooth is powered OFF");
+    m_listener->onRadioStateReported();
+    if (state == RadioState::PoweredOn)
+        return;
+    // The links are gone without disconnect events of their own, and a
+    // connection attempt can no longer complete by itself.
+    std::string attempt;
+    bool hadLinks;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_attemptOpen)
+            attempt = m_current;
+        hadLinks = !m_current.empty() || !m_connected.empty();
     }
-    signalEvent();
+    if (!attempt.empty())
+        completeAttempt(attempt, std::string("Bluetooth is not available"));
+    forgetLinks();
+    if (state == RadioState::PoweredOff || hadLinks)
+        m_listener->onLinkLost();
+    if (state == RadioState::PoweredOff)
+        BRIDGE_LOG("Bluetooth is powered OFF");
 }
 
 void CentralCore::forgetLinks()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_connected.clear();
-    m_current.clear();
-    m_attemptOpen = false;
-    m_connectSuccess = false;
-    m_writeCharacteristic.clear();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_connected.clear();
+        m_current.clear();
+        m_attemptOpen = false;
+        m_connectSuccess = false;
+        m_writeCharacteristic.clear();
+        // No answer will come for what was asked of a stack that is gone.
+        m_unanswered.clear();
+        m_writes.clear();
+        m_scanStops.clear();
+        m_disconnects.clear();
+    }
+    m_listener->onRequestAnswered();
 }
 
 void CentralCore::onDiscovered(const Advertisement &advertisement)
 {
+    EventScope scope;
     std::lock_guard<std::mutex> lock(m_mutex);
     auto known = std::find_if(m_discovered.begin(), m_discovered.end(),
                               [&](const Advertisement &entry) { return entry.id == advertisement.id; });
@@ -230,6 +281,18 @@ void CentralCore::onDiscovered(const Advertisement &advertisement)
         m_discovered.push_back(advertisement);
     else
         *known = advertisement;
+}
+
+void CentralCore::onScanStopped()
+{
+    EventScope scope;
+    bool answered;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        answered = answerOldest(m_scanStops);
+    }
+    if (answered)
+        m_listener->onRequestAnswered();
 }
 
 std::string CentralCore::displayName(const std::string &peripheral) const
@@ -248,7 +311,7 @@ bool CentralCore::isAttemptOn(const std::string &peripheral)
     return m_attemptOpen && peripheral == m_current;
 }
 
-void CentralCore::completeAttempt(const std::string &peripheral, const BleError &error)
+void CentralCore::completeAttempt(const std::string &peripheral, const Error &error)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -261,31 +324,32 @@ void CentralCore::completeAttempt(const std::string &peripheral, const BleError 
     }
     if (error)
         BRIDGE_LOG("Connect to peripheral:%s failed:%s", displayName(peripheral).c_str(), error->c_str());
-    if (m_listener)
-        m_listener->onPeripheralConnectCompleted();
-    signalEvent();
+    m_listener->onConnectCompleted();
 }
 
 void CentralCore::onConnected(const std::string &peripheral)
 {
+    EventScope scope;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connected.insert(peripheral);
     }
     CENTRAL_LOG("Success connect peripheral, start discover services");
     if (isAttemptOn(peripheral))
-        platformDiscoverServices(peripheral);
+        m_platform->discoverServices(peripheral);
 }
 
 void CentralCore::onConnectFailed(const std::string &peripheral, const std::string &error)
 {
+    EventScope scope;
     CENTRAL_LOG("Error connect peripheral:%s", error.c_str());
     completeAttempt(peripheral, error);
 }
 
-void CentralCore::onServicesDiscovered(const std::string &peripheral,
-                                       const std::vector<GattService> &services, const BleError &error)
+void CentralCore::onServicesDiscovered(const std::string &peripheral, const std::vector<GattService> &services,
+                                       const Error &error)
 {
+    EventScope scope;
     if (!isAttemptOn(peripheral))
         return;
     // Without the service the attempt never completes: the manager times out.
@@ -304,14 +368,15 @@ void CentralCore::onServicesDiscovered(const std::string &peripheral,
         if (strcasecmp(service.uuid.c_str(), kFocuserServiceUuid) != 0)
             continue;
         CENTRAL_LOG("Success discovered target service, start discover characteristics");
-        platformDiscoverCharacteristics(peripheral, service.id);
+        m_platform->discoverCharacteristics(peripheral, service.id);
     }
 }
 
 void CentralCore::onCharacteristicsDiscovered(const std::string &peripheral,
                                               const std::vector<GattCharacteristic> &characteristics,
-                                              const BleError &error)
+                                              const Error &error)
 {
+    EventScope scope;
     if (!isAttemptOn(peripheral))
         return;
     if (error) {
@@ -332,14 +397,15 @@ void CentralCore::onCharacteristicsDiscovered(const std::string &peripheral,
         }
         if (characteristic.canNotify) {
             CENTRAL_LOG("Subscribed to notify characteristic:%s", characteristic.uuid.c_str());
-            platformSubscribe(peripheral, characteristic.id);
+            m_platform->subscribe(peripheral, characteristic.id);
         }
     }
 }
 
 void CentralCore::onNotificationState(const std::string &peripheral, const std::string &characteristic,
-                                      bool notifying, const BleError &error)
+                                      bool notifying, const Error &error)
 {
+    EventScope scope;
     if (!isAttemptOn(peripheral))
         return;
     if (error) {
@@ -352,15 +418,16 @@ void CentralCore::onNotificationState(const std::string &peripheral, const std::
         return;
     }
     CENTRAL_LOG("Successfully subscribed to notifications for: %s", characteristic.c_str());
-    settle(kSettleStep);
-    settle(kSettleStep);
-    CENTRAL_LOG("Success finished connect to peripheral");
+    // The device's settle pause follows on the connecting thread, so that
+    // this thread goes on delivering events.
     completeAttempt(peripheral, std::nullopt);
 }
 
-void CentralCore::onDisconnected(const std::string &peripheral, const BleError &error)
+void CentralCore::onDisconnected(const std::string &peripheral, const Error &error)
 {
+    EventScope scope;
     const std::string name = displayName(peripheral);
+    bool wasAttempt = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const bool wasConnected = m_connected.erase(peripheral) > 0;
@@ -368,28 +435,52 @@ void CentralCore::onDisconnected(const std::string &peripheral, const BleError &
         // A link already forgotten (the radio went off) is not lost twice.
         if (!wasConnected && !wasCurrent)
             return;
-        m_writeCharacteristic.clear();
+        wasAttempt = wasCurrent && m_attemptOpen;
         if (wasCurrent) {
+            m_writeCharacteristic.clear();
             m_current.clear();
             m_connectSuccess = false;
+            m_attemptOpen = false;
+            // A write to a link that is gone will not be answered.
+            for (Ticket ticket : m_writes)
+                m_unanswered.erase(ticket);
+            m_writes.clear();
         }
     }
     CENTRAL_LOG("Disconnected from peripheral:%s, error:%s", name.c_str(), describe(error));
-    startScanning();
+    // A link that drops while it is being made ends the attempt at once.
+    if (wasAttempt) {
+        BRIDGE_LOG("Connect to peripheral:%s failed:%s", name.c_str(), describe(error));
+        m_listener->onConnectCompleted();
+    }
+    m_listener->onRequestAnswered();
     if (!error) {
         BRIDGE_LOG("Success disconnected from peripheral:%s", name.c_str());
-        signalEvent();
         return;
     }
     BRIDGE_LOG("Error disconnected from peripheral:%s, error message:%s", name.c_str(), error->c_str());
-    if (m_listener)
-        m_listener->onPeripheralDisconnect();
-    signalEvent();
+    if (!wasAttempt)
+        m_listener->onLinkLost();
+}
+
+void CentralCore::onDisconnectAnswered(const std::string &peripheral)
+{
+    EventScope scope;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto found = m_disconnects.find(peripheral);
+        if (found == m_disconnects.end() || !answerOldest(found->second))
+            return;
+        if (found->second.empty())
+            m_disconnects.erase(found);
+    }
+    m_listener->onRequestAnswered();
 }
 
 void CentralCore::onValue(const std::string &, const std::string &characteristic, const Bytes &value,
-                          const BleError &error)
+                          const Error &error)
 {
+    EventScope scope;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (characteristic.empty() || characteristic != m_writeCharacteristic) {
@@ -401,77 +492,19 @@ void CentralCore::onValue(const std::string &, const std::string &characteristic
         BRIDGE_LOG("Error receiving notification:%s", error->c_str());
         return;
     }
-    if (m_listener)
-        m_listener->onPeripheralNotified(value);
-    signalEvent();
+    m_listener->onNotified(value);
 }
 
-void CentralCore::onWritten(const BleError &error)
+void CentralCore::onWritten(const Error &error)
 {
+    EventScope scope;
     if (error)
         CENTRAL_LOG("write Characteristic failed! error: %s", error->c_str());
-}
-
-// --- the host's hardware address ----------------------------------------------
-
-std::vector<HostInterface> hostInterfaces()
-{
-    std::vector<HostInterface> found;
-    struct ifaddrs *list = nullptr;
-    if (getifaddrs(&list) != 0)
-        return found;
-    for (const struct ifaddrs *entry = list; entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || !entry->ifa_name)
-            continue;
-        HostInterface host{entry->ifa_name, {}, (entry->ifa_flags & IFF_LOOPBACK) != 0};
-#ifdef __APPLE__
-        if (entry->ifa_addr->sa_family != AF_LINK)
-            continue;
-        const auto *link = reinterpret_cast<const struct sockaddr_dl *>(entry->ifa_addr);
-        const auto *bytes = reinterpret_cast<const unsigned char *>(LLADDR(link));
-        host.hardwareAddress.assign(bytes, bytes + link->sdl_alen);
-#else
-        if (entry->ifa_addr->sa_family != AF_PACKET)
-            continue;
-        const auto *link = reinterpret_cast<const struct sockaddr_ll *>(entry->ifa_addr);
-        const size_t length = std::min<size_t>(link->sll_halen, sizeof link->sll_addr);
-        host.hardwareAddress.assign(link->sll_addr, link->sll_addr + length);
-#endif
-        found.push_back(std::move(host));
+    bool answered;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        answered = answerOldest(m_writes);
     }
-    freeifaddrs(list);
-    return found;
-}
-
-std::optional<std::string> formatHardwareAddress(const std::vector<unsigned char> &bytes)
-{
-    if (bytes.size() != 6)
-        return std::nullopt;
-    char text[18];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3],
-                  bytes[4], bytes[5]);
-    return std::string(text);
-}
-
-std::optional<std::string> interfaceAddress(const std::vector<HostInterface> &interfaces,
-                                            const std::string &name)
-{
-    for (const HostInterface &host : interfaces) {
-        if (host.name == name)
-            return formatHardwareAddress(host.hardwareAddress);
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> firstNonLoopbackAddress(const std::vector<HostInterface> &interfaces)
-{
-    for (const HostInterface &host : interfaces) {
-        const bool allZero = std::all_of(host.hardwareAddress.begin(), host.hardwareAddress.end(),
-                                         [](unsigned char byte) { return byte == 0; });
-        if (host.loopback || allZero)
-            continue;
-        if (std::optional<std::string> text = formatHardwareAddress(host.hardwareAddress))
-            return text;
-    }
-    return std::nullopt;
+    if (answered)
+        m_listener->onRequestAnswered();
 }

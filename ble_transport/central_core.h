@@ -1,144 +1,130 @@
 // The part of a Bluetooth LE central that every platform shares, fed by the
 // platform's events: the table of discovered peripherals, connecting by name,
 // the connection sequence that ends in one completion event, telling a
-// requested disconnect from a lost link, and which notifications count.
+// requested disconnect from a lost link, which notifications count, and which
+// requests the platform has answered.
 //
-// A platform derives from it, implements the platform hooks (each may act at
-// once or later, but reports back only through the event entry points) and
-// calls the event entry points from one event thread. Nothing here holds its
-// lock while calling a hook or the listener.
+// It owns the platform central and calls down into it; the manager above
+// hears from it only through the Listener it was started with. Events come
+// on the platform's event thread. Nothing here holds its lock while calling
+// the platform or the listener.
 #pragma once
 
-#include "ble_transport/ble_central.h"
+#include "ble_transport/ble_manager.h"
+#include "ble_transport/platform_central.h"
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-// The radio's state, numbered as CoreBluetooth numbers it.
-enum class RadioState : long { Unknown = 0, Unsupported = 2, PoweredOff = 4, PoweredOn = 5 };
-
-// An error's description; empty optional for none.
-using BleError = std::optional<std::string>;
-
 // The device's one GATT service.
 extern const char kFocuserServiceUuid[];
 
-class CentralCore : public BleCentral {
+class CentralCore final : private ble::PlatformEvents {
 public:
-    struct Advertisement {
-        std::string id; // the platform's identifier of the peripheral
-        std::string name; // empty when it has none
-        std::string address;
-        int64_t bluetoothAddress = 0;
-        int16_t rssi = 0;
-    };
-    struct GattService {
-        std::string id;
-        std::string uuid;
-    };
-    struct GattCharacteristic {
-        std::string id;
-        std::string uuid;
-        bool canWrite = false;
-        bool canNotify = false;
+    using Bytes = ble::Bytes;
+    using DeviceInfo = IBluetoothLEManager::DeviceInfo;
+    // A request whose answer a caller may wait for; 0 when nothing was sent.
+    using Ticket = uint64_t;
+
+    // What the manager hears, on the event thread.
+    class Listener {
+    public:
+        virtual void onRadioStateReported() = 0;
+        // The connection attempt finished; isConnectSuccess tells how.
+        virtual void onConnectCompleted() = 0;
+        // The link was lost (not asked for), or the radio went away.
+        virtual void onLinkLost() = 0;
+        // A notification arrived on the write characteristic.
+        virtual void onNotified(const Bytes &data) = 0;
+        // A request was answered; isAnswered tells which.
+        virtual void onRequestAnswered() = 0;
+
+    protected:
+        ~Listener() = default;
     };
 
-    // --- BleCentral -------------------------------------------------------
-    void start(Listener &listener) override;
-    bool isPoweredOn() override;
-    int startScanning() override;
-    void stopScanning() override;
-    void getDiscoveredPeripherals(std::vector<DeviceInfo> &devices) override;
-    int startConnect(const std::string &name) override;
-    void stopConnect() override;
-    bool isConnectSuccess() override;
-    void sendMessage(const Bytes &data) override;
-    void getLocalMacAddress(std::string &address) override;
-    void waitForEvents(std::chrono::milliseconds limit) override;
+    explicit CentralCore(std::unique_ptr<ble::PlatformCentral> platform);
+    ~CentralCore();
+    CentralCore(const CentralCore &) = delete;
+    CentralCore &operator=(const CentralCore &) = delete;
 
-    // --- platform events --------------------------------------------------
-    void onRadioState(RadioState state);
-    // A peripheral was seen (again): added to the table or updated in it.
-    void onDiscovered(const Advertisement &advertisement);
-    void onConnected(const std::string &peripheral);
-    void onConnectFailed(const std::string &peripheral, const std::string &error);
-    void onServicesDiscovered(const std::string &peripheral, const std::vector<GattService> &services,
-                              const BleError &error);
-    void onCharacteristicsDiscovered(const std::string &peripheral,
-                                     const std::vector<GattCharacteristic> &characteristics,
-                                     const BleError &error);
-    void onNotificationState(const std::string &peripheral, const std::string &characteristic, bool notifying,
-                             const BleError &error);
-    // `error` is empty for a disconnect that was asked for.
-    void onDisconnected(const std::string &peripheral, const BleError &error);
-    void onValue(const std::string &peripheral, const std::string &characteristic, const Bytes &value,
-                 const BleError &error);
-    void onWritten(const BleError &error);
+    // Starts the platform; its first radio-state report follows.
+    void start(Listener &listener);
+    bool isPoweredOn();
+    // 0 when scanning started, -1 when the radio is not powered on.
+    int startScanning();
+    Ticket stopScanning();
+    // Appends the named peripherals of the discovered table.
+    void getDiscoveredPeripherals(std::vector<DeviceInfo> &devices);
+    // 0 when a connection was requested, -1 when no discovered peripheral
+    // has exactly this name. Choosing another peripheral drops the current one.
+    int startConnect(const std::string &name);
+    // Disconnects the current peripheral, if there is one.
+    Ticket stopConnect();
+    bool isConnectSuccess();
+    // One write to the write characteristic; 0 without one.
+    Ticket sendMessage(const Bytes &data);
+    bool isAnswered(Ticket ticket);
+    // Fills `address` with the host's address, or leaves it alone.
+    void getLocalMacAddress(std::string &address);
 
-protected:
-    // --- platform hooks ---------------------------------------------------
-    virtual void platformStart() = 0; // reports the first radio state
-    virtual void platformStartScan() = 0;
-    virtual void platformStopScan() = 0;
-    virtual void platformConnect(const std::string &peripheral) = 0;
-    virtual void platformCancelConnect(const std::string &peripheral) = 0;
-    virtual void platformDiscoverServices(const std::string &peripheral) = 0;
-    virtual void platformDiscoverCharacteristics(const std::string &peripheral,
-                                                 const std::string &service) = 0;
-    virtual void platformSubscribe(const std::string &peripheral, const std::string &characteristic) = 0;
-    virtual void platformWrite(const std::string &peripheral, const std::string &characteristic,
-                               const Bytes &data) = 0;
-    virtual std::optional<std::string> platformHostAddress() = 0;
-    // The pause that lets the device settle once notifications are on.
-    virtual void settle(std::chrono::milliseconds duration) { sleepFor(duration); }
+    // True on the thread that is delivering a platform event: a wait there
+    // could never see the next one.
+    static bool isEventThread();
 
 private:
-    const Advertisement *findByName(const std::string &name) const;
+    // --- ble::PlatformEvents ----------------------------------------------
+    void onRadioState(ble::RadioState state) override;
+    void onDiscovered(const ble::Advertisement &advertisement) override;
+    void onScanStopped() override;
+    void onConnected(const std::string &peripheral) override;
+    void onConnectFailed(const std::string &peripheral, const std::string &error) override;
+    void onServicesDiscovered(const std::string &peripheral, const std::vector<ble::GattService> &services,
+                              const ble::Error &error) override;
+    void onCharacteristicsDiscovered(const std::string &peripheral,
+                                     const std::vector<ble::GattCharacteristic> &characteristics,
+                                     const ble::Error &error) override;
+    void onNotificationState(const std::string &peripheral, const std::string &characteristic, bool notifying,
+                             const ble::Error &error) override;
+    void onDisconnected(const std::string &peripheral, const ble::Error &error) override;
+    void onDisconnectAnswered(const std::string &peripheral) override;
+    void onValue(const std::string &peripheral, const std::string &characteristic, const Bytes &value,
+                 const ble::Error &error) override;
+    void onWritten(const ble::Error &error) override;
+
+    const ble::Advertisement *findByName(const std::string &name) const;
     std::string displayName(const std::string &peripheral) const;
     // Ends the attempt on `peripheral` with one completion event, if it is
     // the attempt in progress.
-    void completeAttempt(const std::string &peripheral, const BleError &error);
+    void completeAttempt(const std::string &peripheral, const ble::Error &error);
     bool isAttemptOn(const std::string &peripheral);
+    // The radio or the stack went away: every link and pending answer with it.
     void forgetLinks();
-    // Wakes a caller in waitForEvents.
-    void signalEvent();
+    Ticket openTicket(); // call with m_mutex held
+    // Answers the oldest ticket of `waiting`; call with m_mutex held.
+    bool answerOldest(std::deque<Ticket> &waiting);
 
+    std::unique_ptr<ble::PlatformCentral> m_platform;
     Listener *m_listener = nullptr;
 
     mutable std::mutex m_mutex;
-    RadioState m_radio = RadioState::Unknown;
-    std::vector<Advertisement> m_discovered; // in the order first seen
+    ble::RadioState m_radio = ble::RadioState::Unknown;
+    std::vector<ble::Advertisement> m_discovered; // in the order first seen
     std::set<std::string> m_connected;
     std::string m_current; // the peripheral last chosen by startConnect
     bool m_attemptOpen = false;
     bool m_connectSuccess = false;
     std::string m_writeCharacteristic;
 
-    std::mutex m_eventMutex;
-    std::condition_variable m_eventCondition;
-    bool m_eventPending = false;
+    Ticket m_lastTicket = 0;
+    std::set<Ticket> m_unanswered;
+    std::deque<Ticket> m_writes;
+    std::deque<Ticket> m_scanStops;
+    std::map<std::string, std::deque<Ticket>> m_disconnects;
 };
-
-// --- the host's hardware address ------------------------------------------
-
-struct HostInterface {
-    std::string name;
-    std::vector<unsigned char> hardwareAddress;
-    bool loopback = false;
-};
-
-// The link-layer entries of the host's interfaces (getifaddrs).
-std::vector<HostInterface> hostInterfaces();
-// Six bytes as "%02x:%02x:%02x:%02x:%02x:%02x"; nothing for another length.
-std::optional<std::string> formatHardwareAddress(const std::vector<unsigned char> &bytes);
-// The address of the first interface with this name.
-std::optional<std::string> interfaceAddress(const std::vector<HostInterface> &interfaces,
-                                            const std::string &name);
-// The address of the first interface that is not the loopback.
-std::optional<std::string> firstNonLoopbackAddress(const std::vector<HostInterface> &interfaces);

@@ -113,6 +113,9 @@ public:
     int BLERegPairStateCallback(ZORPairStateCallback callback);
     int BLERegConnStateCallback(ZORConnStateCallback callback);
     int BLEGetAllInfo(ZOR_ALL_INFO *info);
+    // From a successful connect until its link is lost, taken over by another
+    // connect, or disconnected.
+    bool isBleSessionOn() const { return m_bBleConnected; }
 
     // Bluetooth firmware update
     int BLEStartUpdate(int size);
@@ -168,10 +171,13 @@ private:
     std::string localAddressText();
     // The rules a successful pairing applies after reading the firmware reply.
     void applyPairingRules();
-    // The link goes down: the motor is stopped if it moves, the transport
-    // disconnects and the session flags fall.
-    void dropBleLink(bool mayWaitForLock);
-    // The transport's connection-state handler, on the transport's thread.
+    // The application ends the session: the motor is stopped if it moves,
+    // the transport disconnects and the session flags fall.
+    void dropBleLink();
+    void endBleSession();
+    // Hands the transport this object's connection-state handler.
+    void watchLink();
+    // The link was lost, or another connect took it over.
     void onLinkLost();
 
     // What the handler given to the process-wide transport (which outlives

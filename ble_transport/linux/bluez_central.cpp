@@ -1,5 +1,6 @@
 #include "ble_transport/linux/bluez_central.h"
 
+#include "ble_transport/host_address.h"
 #include "support/log.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -66,6 +67,8 @@ sdbus::IProxy &BluezCentral::proxy(const std::string &path)
     return *slot;
 }
 
+void BluezCentral::forgetProxy(const std::string &path) { m_proxies.erase(path); }
+
 template <typename... Args>
 void BluezCentral::call(const std::string &path, const char *interface, const char *method,
                         std::function<void(const sdbus::Error *)> done, Args &&...args)
@@ -79,7 +82,13 @@ void BluezCentral::call(const std::string &path, const char *interface, const ch
             .onInterface(interface)
             .withTimeout(timeout)
             .withArguments(std::forward<Args>(args)...)
-            .uponReplyInvoke([done](const sdbus::Error *error) { done(error); });
+            .uponReplyInvoke([done, method](const sdbus::Error *error) {
+                try {
+                    done(error);
+                } catch (const std::exception &failure) {
+                    ZOR_LOG("Handling the reply to %s failed: %s", method, failure.what());
+                }
+            });
     } catch (const sdbus::Error &error) {
         done(&error);
     }
@@ -87,8 +96,9 @@ void BluezCentral::call(const std::string &path, const char *interface, const ch
 
 // --- start-up and BlueZ's objects ---------------------------------------------
 
-void BluezCentral::platformStart()
+void BluezCentral::start(ble::PlatformEvents &events)
 {
+    m_events = &events;
     m_loop->post([this] {
         try {
             watchBluez();
@@ -96,7 +106,7 @@ void BluezCentral::platformStart()
         } catch (const sdbus::Error &error) {
             // The first state must come, so that nobody waits for it forever.
             ZOR_LOG("BlueZ not reachable: %s", describe(error).c_str());
-            onRadioState(RadioState::Unsupported);
+            m_events->onRadioState(ble::RadioState::Unsupported);
         }
     });
 }
@@ -114,6 +124,9 @@ void BluezCentral::watchBluez()
                     (this->*handler)(message);
                 } catch (const sdbus::Error &error) {
                     ZOR_LOG("Ignoring a malformed signal: %s", describe(error).c_str());
+                } catch (const std::exception &error) {
+                    // Nothing may end the event thread's loop.
+                    ZOR_LOG("Handling a signal failed: %s", error.what());
                 }
             },
             sdbus::floating_slot);
@@ -143,7 +156,7 @@ void BluezCentral::loadObjects()
                 return;
             }
             ZOR_LOG("BlueZ not available: %s", describe(*error).c_str());
-            onRadioState(RadioState::Unsupported);
+            m_events->onRadioState(ble::RadioState::Unsupported);
         });
 }
 
@@ -170,9 +183,9 @@ void BluezCentral::reportRadio()
 {
     const bluez::Adapter *adapter = m_objects.adapter(m_adapter);
     if (!adapter)
-        onRadioState(RadioState::Unsupported);
+        m_events->onRadioState(ble::RadioState::Unsupported);
     else
-        onRadioState(adapter->powered ? RadioState::PoweredOn : RadioState::PoweredOff);
+        m_events->onRadioState(adapter->powered ? ble::RadioState::PoweredOn : ble::RadioState::PoweredOff);
 }
 
 void BluezCentral::onInterfacesAdded(sdbus::Message &message)
@@ -197,9 +210,11 @@ void BluezCentral::onInterfacesRemoved(sdbus::Message &message)
     if (contains(interfaces, bluez::kDevice))
         onDeviceRemoved(path);
     m_objects.remove(path, interfaces);
+    if (contains(interfaces, bluez::kDevice) || contains(interfaces, bluez::kGattCharacteristic))
+        forgetProxy(path);
     if (contains(interfaces, bluez::kAdapter) && path == m_adapter) {
         m_adapter.clear();
-        onRadioState(RadioState::PoweredOff);
+        m_events->onRadioState(ble::RadioState::PoweredOff);
         if (!m_objects.firstAdapter().empty()) {
             adoptAdapter();
             reportRadio();
@@ -237,7 +252,7 @@ void BluezCentral::onDeviceChanged(const std::string &path, const bluez::Propert
     if (device->adapter != m_adapter)
         return;
     if (wasConnected && !device->connected)
-        onDisconnected(path, takeDisconnectReason(path, "Connection lost"));
+        m_events->onDisconnected(path, takeDisconnectReason(path, "Connection lost"));
     if (has(changed, "ServicesResolved") && device->servicesResolved && m_servicesWanted.erase(path))
         reportServices(path);
     if (has(changed, "RSSI") || has(changed, "Name"))
@@ -252,7 +267,7 @@ void BluezCentral::onCharacteristicChanged(const std::string &path, const bluez:
     if (has(changed, "Notifying") && characteristic->notifying && m_notifyWanted.count(path))
         reportNotifying(device, path);
     if (has(changed, "Value"))
-        onValue(device, path, characteristic->value, std::nullopt);
+        m_events->onValue(device, path, characteristic->value, std::nullopt);
 }
 
 void BluezCentral::onDeviceRemoved(const std::string &path)
@@ -261,10 +276,13 @@ void BluezCentral::onDeviceRemoved(const std::string &path)
     m_servicesWanted.erase(path);
     if (!device)
         return;
+    // A disconnect asked of it will never be answered now.
+    if (m_disconnectRequested.count(path))
+        m_events->onDisconnectAnswered(path);
     if (device->connected)
-        onDisconnected(path, takeDisconnectReason(path, "Device removed"));
+        m_events->onDisconnected(path, takeDisconnectReason(path, "Device removed"));
     else
-        onConnectFailed(path, "Device removed"); // ignored unless it is being connected
+        m_events->onConnectFailed(path, "Device removed"); // ignored unless it is being connected
 }
 
 void BluezCentral::onNameOwnerChanged(sdbus::Message &message)
@@ -285,15 +303,16 @@ void BluezCentral::onBluezGone()
 {
     ZOR_LOG("org.bluez left the bus");
     m_objects.clear();
+    m_proxies.clear();
     m_adapter.clear();
     m_servicesWanted.clear();
     m_notifyWanted.clear();
     m_disconnectRequested.clear();
     adoptAdapter();
-    onRadioState(RadioState::PoweredOff);
+    m_events->onRadioState(ble::RadioState::PoweredOff);
 }
 
-BleError BluezCentral::takeDisconnectReason(const std::string &device, const char *unrequested)
+ble::Error BluezCentral::takeDisconnectReason(const std::string &device, const char *unrequested)
 {
     if (m_disconnectRequested.erase(device))
         return std::nullopt;
@@ -305,26 +324,26 @@ void BluezCentral::reportDiscovered(const std::string &path)
     const bluez::Device *device = m_objects.device(path);
     if (!device || device->adapter != m_adapter)
         return;
-    onDiscovered({path, device->name, device->address, bluez::addressValue(device->address), device->rssi});
+    m_events->onDiscovered({path, device->name, device->address, bluez::addressValue(device->address), device->rssi});
 }
 
 void BluezCentral::reportServices(const std::string &device)
 {
-    std::vector<GattService> services;
+    std::vector<ble::GattService> services;
     for (const auto &[path, service] : m_objects.servicesOf(device))
         services.push_back({path, service.uuid});
-    onServicesDiscovered(device, services, std::nullopt);
+    m_events->onServicesDiscovered(device, services, std::nullopt);
 }
 
 void BluezCentral::reportNotifying(const std::string &device, const std::string &characteristic)
 {
     m_notifyWanted.erase(characteristic);
-    onNotificationState(device, characteristic, true, std::nullopt);
+    m_events->onNotificationState(device, characteristic, true, std::nullopt);
 }
 
-// --- platform hooks -------------------------------------------------------------
+// --- what the shared logic asks ------------------------------------------------
 
-void BluezCentral::platformStartScan()
+void BluezCentral::startScan()
 {
     m_loop->post([this] {
         if (m_adapter.empty())
@@ -343,36 +362,43 @@ void BluezCentral::platformStartScan()
     });
 }
 
-void BluezCentral::platformStopScan()
+void BluezCentral::stopScan()
 {
     m_loop->post([this] {
-        if (!m_adapter.empty())
-            call(m_adapter, bluez::kAdapter, "StopDiscovery", logFailure("StopDiscovery"));
+        if (m_adapter.empty())
+            return m_events->onScanStopped();
+        call(m_adapter, bluez::kAdapter, "StopDiscovery", [this](const sdbus::Error *error) {
+            logFailure("StopDiscovery")(error);
+            m_events->onScanStopped();
+        });
     });
 }
 
-void BluezCentral::platformConnect(const std::string &peripheral)
+void BluezCentral::connect(const std::string &peripheral)
 {
     m_loop->post([this, peripheral] {
         m_disconnectRequested.erase(peripheral);
         call(peripheral, bluez::kDevice, "Connect", [this, peripheral](const sdbus::Error *error) {
             if (error && error->getName() != kAlreadyConnected)
-                onConnectFailed(peripheral, describe(*error));
+                m_events->onConnectFailed(peripheral, describe(*error));
             else
-                onConnected(peripheral);
+                m_events->onConnected(peripheral);
         });
     });
 }
 
-void BluezCentral::platformCancelConnect(const std::string &peripheral)
+void BluezCentral::disconnect(const std::string &peripheral)
 {
     m_loop->post([this, peripheral] {
         m_disconnectRequested.insert(peripheral);
-        call(peripheral, bluez::kDevice, "Disconnect", logFailure("Disconnect"));
+        call(peripheral, bluez::kDevice, "Disconnect", [this, peripheral](const sdbus::Error *error) {
+            logFailure("Disconnect")(error);
+            m_events->onDisconnectAnswered(peripheral);
+        });
     });
 }
 
-void BluezCentral::platformDiscoverServices(const std::string &peripheral)
+void BluezCentral::discoverServices(const std::string &peripheral)
 {
     m_loop->post([this, peripheral] {
         const bluez::Device *device = m_objects.device(peripheral);
@@ -383,18 +409,18 @@ void BluezCentral::platformDiscoverServices(const std::string &peripheral)
     });
 }
 
-void BluezCentral::platformDiscoverCharacteristics(const std::string &peripheral, const std::string &service)
+void BluezCentral::discoverCharacteristics(const std::string &peripheral, const std::string &service)
 {
     m_loop->post([this, peripheral, service] {
-        std::vector<GattCharacteristic> found;
+        std::vector<ble::GattCharacteristic> found;
         for (const auto &[path, characteristic] : m_objects.characteristicsOf(service))
             found.push_back({path, characteristic.uuid, characteristic.hasFlag("write"),
                              characteristic.hasFlag("notify")});
-        onCharacteristicsDiscovered(peripheral, found, std::nullopt);
+        m_events->onCharacteristicsDiscovered(peripheral, found, std::nullopt);
     });
 }
 
-void BluezCentral::platformSubscribe(const std::string &peripheral, const std::string &characteristic)
+void BluezCentral::subscribe(const std::string &peripheral, const std::string &characteristic)
 {
     m_loop->post([this, peripheral, characteristic] {
         m_notifyWanted.insert(characteristic);
@@ -405,7 +431,7 @@ void BluezCentral::platformSubscribe(const std::string &peripheral, const std::s
                  // BlueZ answers InProgress to a second subscription of the same client.
                  if (error && !(on && error->getName() == kInProgress)) {
                      m_notifyWanted.erase(characteristic);
-                     onNotificationState(peripheral, characteristic, false, describe(*error));
+                     m_events->onNotificationState(peripheral, characteristic, false, describe(*error));
                      return;
                  }
                  // Already on: no property change will tell.
@@ -415,20 +441,20 @@ void BluezCentral::platformSubscribe(const std::string &peripheral, const std::s
     });
 }
 
-void BluezCentral::platformWrite(const std::string &, const std::string &characteristic, const Bytes &data)
+void BluezCentral::write(const std::string &, const std::string &characteristic, const Bytes &data)
 {
     m_loop->post([this, characteristic, data] {
         std::map<std::string, sdbus::Variant> options{{"type", sdbus::Variant(std::string("request"))}};
         call(
             characteristic, bluez::kGattCharacteristic, "WriteValue",
             [this](const sdbus::Error *error) {
-                onWritten(error ? BleError(describe(*error)) : std::nullopt);
+                m_events->onWritten(error ? ble::Error(describe(*error)) : std::nullopt);
             },
             std::vector<uint8_t>(data.begin(), data.end()), options);
     });
 }
 
-std::optional<std::string> BluezCentral::platformHostAddress()
+std::optional<std::string> BluezCentral::hostAddress()
 {
     // The host's address sent at pairing is the adapter's own address; without
     // an adapter, the first non-loopback interface's hardware address.

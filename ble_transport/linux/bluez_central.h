@@ -2,10 +2,10 @@
 // first org.bluez.Adapter1 in path order; peripherals are its Device1
 // objects; the device's service and characteristic are GattService1 and
 // GattCharacteristic1 objects. All D-Bus work happens on a thread of its own
-// (DBusLoop), which is also where events reach the shared central logic.
+// (DBusLoop), which is also where its events are reported.
 #pragma once
 
-#include "ble_transport/central_core.h"
+#include "ble_transport/platform_central.h"
 #include "ble_transport/linux/bluez_objects.h"
 #include "ble_transport/linux/dbus_loop.h"
 
@@ -18,27 +18,25 @@
 #include <set>
 #include <string>
 
-class BluezCentral final : public CentralCore {
+class BluezCentral final : public ble::PlatformCentral {
 public:
+    using Bytes = ble::Bytes;
+
     // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured); without
     // one, the radio is reported unsupported.
     BluezCentral();
     ~BluezCentral() override;
 
-    bool isEventThread() const override { return m_loop->isLoopThread(); }
-
-protected:
-    void platformStart() override;
-    void platformStartScan() override;
-    void platformStopScan() override;
-    void platformConnect(const std::string &peripheral) override;
-    void platformCancelConnect(const std::string &peripheral) override;
-    void platformDiscoverServices(const std::string &peripheral) override;
-    void platformDiscoverCharacteristics(const std::string &peripheral, const std::string &service) override;
-    void platformSubscribe(const std::string &peripheral, const std::string &characteristic) override;
-    void platformWrite(const std::string &peripheral, const std::string &characteristic,
-                       const Bytes &data) override;
-    std::optional<std::string> platformHostAddress() override;
+    void start(ble::PlatformEvents &events) override;
+    void startScan() override;
+    void stopScan() override;
+    void connect(const std::string &peripheral) override;
+    void disconnect(const std::string &peripheral) override;
+    void discoverServices(const std::string &peripheral) override;
+    void discoverCharacteristics(const std::string &peripheral, const std::string &service) override;
+    void subscribe(const std::string &peripheral, const std::string &characteristic) override;
+    void write(const std::string &peripheral, const std::string &characteristic, const Bytes &data) override;
+    std::optional<std::string> hostAddress() override;
 
 private:
     // Everything below runs on the loop thread.
@@ -61,13 +59,16 @@ private:
     // Reports, and forgets, a subscription that has turned on.
     void reportNotifying(const std::string &device, const std::string &characteristic);
     // Empty for a disconnect this central asked for, else `unrequested`.
-    BleError takeDisconnectReason(const std::string &device, const char *unrequested);
+    ble::Error takeDisconnectReason(const std::string &device, const char *unrequested);
     sdbus::IProxy &proxy(const std::string &path);
+    // Drops the proxies of an object that has gone.
+    void forgetProxy(const std::string &path);
     // Calls `method` on `path` without waiting; `done` gets the error or null.
     template <typename... Args>
     void call(const std::string &path, const char *interface, const char *method,
               std::function<void(const sdbus::Error *)> done, Args &&...args);
 
+    ble::PlatformEvents *m_events = nullptr;
     std::unique_ptr<sdbus::IConnection> m_bus;
     std::map<std::string, std::unique_ptr<sdbus::IProxy>> m_proxies;
     bluez::Objects m_objects;

@@ -9,6 +9,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
@@ -17,6 +18,10 @@
 namespace {
 
 constexpr char kLogModule[] = "LinuxBlueZCentral";
+
+// At the end, messages still queued for the bus get this long to go out.
+constexpr std::chrono::milliseconds kFlushPoll{50};
+constexpr int kFlushRounds = 20;
 
 // The loops still running. A process ends with its loop alive (the platform
 // manager is never destroyed); its thread must stop before sd-bus's own
@@ -93,6 +98,7 @@ void DBusLoop::run()
         processMessages();
         waitForActivity();
     }
+    flushOutgoing();
 }
 
 bool DBusLoop::runTasks()
@@ -101,10 +107,9 @@ bool DBusLoop::runTasks()
         Task task;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_stopping)
-                return false;
+            // What was posted before the stop still runs.
             if (m_tasks.empty())
-                return true;
+                return !m_stopping;
             task = std::move(m_tasks.front());
             m_tasks.pop_front();
         }
@@ -126,6 +131,19 @@ void DBusLoop::processMessages()
     } catch (const std::exception &error) {
         // A handler's failure does not stop the loop; a closed connection does.
         ZOR_LOG("D-Bus message handling failed: %s", error.what());
+    }
+}
+
+void DBusLoop::flushOutgoing()
+{
+    for (int round = 0; m_bus && round < kFlushRounds; ++round) {
+        std::optional<sdbus::IConnection::PollData> data = pollData();
+        // sd-bus asks to be woken for writing while messages wait to go out.
+        if (!data || !(data->events & POLLOUT))
+            return;
+        struct pollfd fd = {data->fd, POLLOUT, 0};
+        poll(&fd, 1, static_cast<int>(kFlushPoll.count()));
+        processMessages();
     }
 }
 

@@ -19,15 +19,17 @@ public:
     // `bus` may be null: the loop then runs posted tasks only. `onBusLost`
     // runs on the loop once the connection has failed for good.
     DBusLoop(sdbus::IConnection *bus, Task onBusLost);
-    // Stops the thread; tasks not yet run are dropped.
+    // Stops the thread as stop() does.
     ~DBusLoop();
     DBusLoop(const DBusLoop &) = delete;
     DBusLoop &operator=(const DBusLoop &) = delete;
 
     void post(Task task);
     bool isLoopThread() const { return std::this_thread::get_id() == m_thread.get_id(); }
-    // Stops the thread and joins it (from another thread); later tasks never
-    // run. Loops still running at exit are stopped so.
+    // Stops the thread and joins it (from another thread): the tasks posted
+    // before run and the messages they queued are sent first; later tasks
+    // never run. Loops still running at exit are stopped so, which is how a
+    // request posted just before the process ends still leaves it.
     void stop();
 
 private:
@@ -35,6 +37,7 @@ private:
     // Runs the tasks posted so far; false once the loop is to stop.
     bool runTasks();
     void processMessages();
+    void flushOutgoing();
     void waitForActivity();
     // The connection's poll data; nothing once it has closed.
     std::optional<sdbus::IConnection::PollData> pollData();

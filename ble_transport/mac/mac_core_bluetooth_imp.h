@@ -1,6 +1,7 @@
 // The CoreBluetooth delegate: owns the central manager and its serial queue,
 // keeps the CoreBluetooth objects behind the shared central's identifiers,
-// and reports every delegate call to the bridge as that central's event.
+// and reports every delegate call as one of the platform events, on the
+// central manager's queue.
 //
 // Identifiers: a peripheral is its `identifier` text; a service is
 // "<UUID>@<index in the peripheral's services>"; a characteristic is
@@ -10,11 +11,11 @@
 #import <CoreBluetooth/CoreBluetooth.h>
 #import <Foundation/Foundation.h>
 
-class MacBLEManagerBridge;
+#include "ble_transport/platform_central.h"
 
 @interface MacCoreBluetoothImp : NSObject <CBCentralManagerDelegate, CBPeripheralDelegate> {
-    // Not retained: the bridge owns this object. Read on the queue only.
-    MacBLEManagerBridge *_delegate;
+    // Where the events go; owned elsewhere. Read on the queue only.
+    ble::PlatformEvents *_delegate;
     dispatch_queue_t _queue;
     CBCentralManager *_centralManager;
     // The objects behind the shared central's identifiers, by `identifier`.
@@ -24,8 +25,8 @@ class MacBLEManagerBridge;
 
 // Creates the central manager on a serial queue of its own; its first state
 // report follows on that queue.
-- (instancetype)initWithDelegate:(MacBLEManagerBridge *)delegate;
-// Stops every later report to the bridge. Not to be called on the queue.
+- (instancetype)initWithDelegate:(ble::PlatformEvents *)delegate;
+// Stops every later report. Not to be called on the queue.
 - (void)detach;
 
 - (void)startScanning;

@@ -1,6 +1,5 @@
 #import "ble_transport/mac/mac_core_bluetooth_imp.h"
 
-#include "ble_transport/mac/mac_ble_manager_bridge.h"
 #include "support/log.h"
 
 #include <cstdio>
@@ -18,7 +17,7 @@ std::string text(NSString *string)
     return utf8 ? std::string(utf8) : std::string();
 }
 
-BleError describe(NSError *error)
+ble::Error describe(NSError *error)
 {
     if (!error)
         return std::nullopt;
@@ -48,7 +47,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 
 @implementation MacCoreBluetoothImp
 
-- (instancetype)initWithDelegate:(MacBLEManagerBridge *)delegate
+- (instancetype)initWithDelegate:(ble::PlatformEvents *)delegate
 {
     self = [super init];
     if (!self)
@@ -159,8 +158,11 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 
 - (void)stopScanning
 {
+    // CoreBluetooth stops at once and says nothing more.
     [self onQueue:^{
         [self->_centralManager stopScan];
+        if (self->_delegate)
+            self->_delegate->onScanStopped();
     }];
 }
 
@@ -182,6 +184,9 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
         CBPeripheral *peripheral = [self peripheralWithIdentifier:identifier];
         if (peripheral)
             [self->_centralManager cancelPeripheralConnection:peripheral];
+        // The cancel is taken at once; the disconnect, if a link was up, follows.
+        if (self->_delegate)
+            self->_delegate->onDisconnectAnswered(text(identifier));
     }];
 }
 
@@ -237,7 +242,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
         }
     }
     if (_delegate)
-        _delegate->onRadioState(static_cast<RadioState>(central.state));
+        _delegate->onRadioState(static_cast<ble::RadioState>(central.state));
 }
 
 - (void)centralManager:(CBCentralManager *)central
@@ -248,7 +253,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
     @synchronized(_discoveredPeripherals) {
         [_discoveredPeripherals setObject:peripheral forKey:peripheral.identifier];
     }
-    CentralCore::Advertisement seen;
+    ble::Advertisement seen;
     seen.id = identifierOf(peripheral);
     seen.name = text(peripheral.name);
     seen.rssi = static_cast<int16_t>(RSSI.integerValue);
@@ -291,7 +296,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 
 - (void)peripheral:(CBPeripheral *)peripheral didDiscoverServices:(NSError *)error
 {
-    std::vector<CentralCore::GattService> services;
+    std::vector<ble::GattService> services;
     for (CBService *service in peripheral.services)
         services.push_back({[self identifierOfService:service peripheral:peripheral], text(service.UUID.UUIDString)});
     if (_delegate)
@@ -302,7 +307,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
     didDiscoverCharacteristicsForService:(CBService *)service
                                    error:(NSError *)error
 {
-    std::vector<CentralCore::GattCharacteristic> characteristics;
+    std::vector<ble::GattCharacteristic> characteristics;
     for (CBCharacteristic *characteristic in service.characteristics) {
         const CBCharacteristicProperties properties = characteristic.properties;
         characteristics.push_back({[self identifierOfCharacteristic:characteristic peripheral:peripheral],
@@ -318,7 +323,6 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
     didUpdateNotificationStateForCharacteristic:(CBCharacteristic *)characteristic
                                           error:(NSError *)error
 {
-    // The settle that follows a subscription pauses this queue, as it should.
     if (_delegate)
         _delegate->onNotificationState(identifierOf(peripheral),
                                        [self identifierOfCharacteristic:characteristic peripheral:peripheral],
@@ -339,7 +343,7 @@ bool parseIndices(NSString *identifier, int wanted, NSUInteger *service, NSUInte
 {
     NSData *value = characteristic.value;
     const auto *bytes = static_cast<const unsigned char *>(value.bytes);
-    const CentralCore::Bytes copied = bytes ? CentralCore::Bytes(bytes, bytes + value.length) : CentralCore::Bytes();
+    const ble::Bytes copied = bytes ? ble::Bytes(bytes, bytes + value.length) : ble::Bytes();
     if (_delegate)
         _delegate->onValue(identifierOf(peripheral), [self identifierOfCharacteristic:characteristic peripheral:peripheral],
                            copied, describe(error));
