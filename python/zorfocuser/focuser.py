@@ -31,8 +31,8 @@ class FirmwareVersion(NamedTuple):
 @dataclass(frozen=True)
 class FocuserInfo:
     """A focuser found attached: its ID for open(), the name the library
-    gives it ("ZOR" or "ZOR(alias)"), model and serial number (None where
-    they cannot be read, for example when another program holds it)."""
+    gives it ("ZOR" or "ZOR(alias)"), model, serial number and step range
+    (None where they cannot be read, for example when another program holds it)."""
 
     id: int
     name: str

@@ -59,7 +59,7 @@ def test_waited_move_ends_at_the_target_and_stop_ends_a_move_short():
         slow.move_to(start + 20000)
         assert slow.is_moving
         slow.stop()
-        assert start < slow.wait(timeout=10) < start + 20000
+        assert start <= slow.wait(timeout=10) < start + 20000
         assert not slow.is_moving
 
 
