@@ -167,25 +167,26 @@ class Focuser:
         step = as_int(step, "step")
         as_bool(wait, "wait")
         timeout = as_seconds(timeout, "timeout")
-        self._call("ZORMove", step)
-        return self.wait(timeout) if wait else None
+        if not wait:
+            self._call("ZORMove", step)
+            return None
+        # The move command itself takes a while: Ctrl-C during it stops too.
+        with self._stopped_on_interrupt():
+            self._call("ZORMove", step)
+            return self.wait(timeout)
 
     def wait(self, timeout=None):
         """Waits until the focuser stops and returns its position; a timeout
         stops the focuser and raises TimeoutError, as Ctrl-C stops it."""
         timeout = as_seconds(timeout, "timeout")
         deadline = None if timeout is None else time.monotonic() + timeout
-        try:
+        with self._stopped_on_interrupt():
             while self.is_moving:
                 if deadline is not None and time.monotonic() >= deadline:
                     self.stop()
                     raise TimeoutError(f"focuser {self._id} still moved after {timeout:g} s; "
                                        f"stopped at {self.position}")
                 time.sleep(_POLL_SECONDS)
-        except KeyboardInterrupt:
-            with contextlib.suppress(ZorError):
-                self.stop()
-            raise
         return self.position
 
     def stop(self):
@@ -284,6 +285,15 @@ class Focuser:
 
         self._state_callback = _abi.CONN_STATE_CALLBACK(on_state)  # the library keeps only the pointer
         self._call("ZORBLERegConnStateCallback", self._state_callback)
+
+    @contextlib.contextmanager
+    def _stopped_on_interrupt(self):
+        try:
+            yield
+        except KeyboardInterrupt:
+            with contextlib.suppress(ZorError):
+                self.stop()
+            raise
 
     def _call(self, name, *args):
         if self._closed:

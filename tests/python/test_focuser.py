@@ -2,8 +2,10 @@
 ZOR_SIM: 0 a fast ZOR Pro at 12.5 °C, 1 a slow ZOR Pro, 2 an early focuser
 without model string; ZOR_SIM_CONTROL is their control socket."""
 
+import _thread
 import os
 import socket
+import threading
 from ctypes import byref, c_int
 
 import pytest
@@ -61,6 +63,28 @@ def test_waited_move_ends_at_the_target_and_stop_ends_a_move_short():
         slow.stop()
         assert start <= slow.wait(timeout=10) < start + 20000
         assert not slow.is_moving
+
+
+def interrupted_after(seconds):
+    def move(focuser, target):
+        threading.Timer(seconds, _thread.interrupt_main).start()
+        focuser.move_to(target, wait=True)
+    return move
+
+
+# Ctrl-C comes during the move command (which takes about 0.2 s) or during the wait.
+@pytest.mark.parametrize("cut_short, raised", [
+    (lambda f, target: f.move_to(target, wait=True, timeout=0.2), TimeoutError),
+    (interrupted_after(0.05), KeyboardInterrupt),
+    (interrupted_after(0.5), KeyboardInterrupt),
+])
+def test_a_wait_cut_short_stops_the_focuser(cut_short, raised):
+    with zorfocuser.open(SLOW) as slow:
+        target = slow.position + 20000
+        with pytest.raises(raised):
+            cut_short(slow, target)
+        assert not slow.is_moving
+        assert slow.position < target
 
 
 @pytest.mark.parametrize("setting, value", [
