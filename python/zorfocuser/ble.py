@@ -15,7 +15,7 @@ from ctypes import byref, c_int
 from dataclasses import dataclass
 
 from . import _abi
-from ._library import as_int, as_seconds, as_text, call, decode, fail
+from ._library import as_int, as_seconds, as_text, call, decode, fail, status
 from .errors import ZorError, code_of
 from .focuser import Focuser
 
@@ -61,13 +61,18 @@ def connect(name, scan_seconds=2.0, on_link_lost=None):
         fail("ZORBLEConnect", code_of("ZOR_ERROR_BLE_CONNECT_FAILED"),
              f'no focuser named "{name}" advertises (seen: {names})')
     id = c_int(-1)
-    call("ZORBLEConnect", match.name.encode(), match.address.encode(), byref(id))
+    try:
+        call("ZORBLEConnect", match.name.encode(), match.address.encode(), byref(id))
+    except KeyboardInterrupt:
+        # Ctrl-C during the connect is raised once it returned: end what it made.
+        status("ZORBLEDisconnect", id.value)
+        raise
     focuser = Focuser(id.value, bluetooth_name=name)
     focuser.on_link_lost = on_link_lost
     try:
         focuser._watch_link()
         focuser._call("ZORBLEPair")
-    except ZorError:
+    except BaseException:
         with contextlib.suppress(ZorError):
             focuser.close()
         raise
