@@ -1,6 +1,7 @@
 """The package over USB, against the virtual focusers that ctest describes in
-ZOR_SIM: 0 a fast ZOR Pro at 12.5 °C, 1 a slow ZOR Pro, 2 an early focuser
-without model string; ZOR_SIM_CONTROL is their control socket."""
+ZOR_SIM: 0 a fast ZOR Pro at 12.5 °C with the alias "north", 1 a slow ZOR
+Pro, 2 an early focuser without model string; ZOR_SIM_CONTROL is their
+control socket."""
 
 import _thread
 import os
@@ -34,7 +35,7 @@ def library_position(id):
 def test_enumeration_lists_each_focuser_and_leaves_it_closed():
     found = zorfocuser.focusers()
     assert [(f.id, f.name, f.model) for f in found] == [
-        (FAST, "ZOR", "ZOR Pro"), (SLOW, "ZOR", "ZOR Pro"), (OLD, "ZOR", None)]
+        (FAST, "ZOR(north)", "ZOR Pro"), (SLOW, "ZOR", "ZOR Pro"), (OLD, "ZOR", None)]
     assert (found[FAST].serial, found[OLD].serial) == ("5a4f525000000100", None)
     assert all(library_position(f.id) == 9 for f in found)
 
