@@ -87,4 +87,3 @@ def test_zor_library_names_the_library_loaded(tmp_path):
     missing = load_with(tmp_path / "absent.so")
     assert missing.returncode != 0
     assert f"zorfocuser cannot load the focuser library {tmp_path / 'absent.so'}" in missing.stderr
-
