@@ -10,12 +10,12 @@
 #include <cstdio>
 #include <cstring>
 #include <future>
-#include <thread>
+
+using namespace std::chrono_literals;
 
 namespace zorctl {
 namespace {
 
-using namespace std::chrono_literals;
 
 constexpr int kMaxListed = 64;
 
@@ -23,7 +23,6 @@ constexpr int kMaxListed = 64;
 // link's state lives here.
 BleLink *g_current = nullptr;
 bool g_chosen = false;
-bool g_used = false; // the library's Bluetooth side has work in flight
 std::atomic<bool> g_linkLost{false};
 
 // Called on the library's own thread: only marks the loss and says so.
@@ -59,7 +58,6 @@ std::vector<BLE_DEVICE_INFO> scanForFocusers(int ms, bool progress)
 {
     std::vector<BLE_DEVICE_INFO> list(kMaxListed);
     int found = 0;
-    g_used = true;
     auto scan = std::async(std::launch::async,
                            [&] { return ZORBLEScan(ms, list.data(), static_cast<int>(list.size()), &found); });
     if (progress) {
@@ -120,16 +118,6 @@ bool isBluetoothId(int id) { return id >= ZOR_BLE_ID_BASE; }
 bool bluetoothChosen() { return g_chosen || g_current; }
 
 void chooseBluetooth() { g_chosen = true; }
-
-// The library hands the end of a scan and a disconnect request to its own
-// Bluetooth thread and returns before they reach BlueZ; a process that ended
-// at once would leave the radio scanning or the focuser connected.
-void letBluetoothSettle()
-{
-    if (g_used)
-        std::this_thread::sleep_for(300ms);
-    g_used = false;
-}
 
 void throwIfLinkLost(int id)
 {

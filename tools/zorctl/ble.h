@@ -45,10 +45,6 @@ bool isBluetoothId(int id);
 bool bluetoothChosen();
 void chooseBluetooth();
 
-// Before the process ends: gives the library's Bluetooth thread the moment
-// it needs to send what the last calls asked for.
-void letBluetoothSettle();
-
 // Throws UserError when the focuser behind `id` has lost its Bluetooth link
 // (reported by the library's connection-state callback).
 void throwIfLinkLost(int id);

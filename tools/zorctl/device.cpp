@@ -14,8 +14,12 @@ Failure::Failure(const std::string &doing, int code)
 
 void check(ZOR_ERROR_CODE code, const std::string &doing)
 {
-    if (code != ZOR_SUCCESS)
-        throw Failure(doing, code);
+    if (code == ZOR_SUCCESS)
+        return;
+    // After a lost link every call answers 53: the loss is what to report.
+    if (code == ZOR_ERROR_BLE_NOT_CONNECTED && BleLink::current())
+        throwIfLinkLost(BleLink::current()->id());
+    throw Failure(doing, code);
 }
 
 Focuser::Focuser(int id) : m_id(id)

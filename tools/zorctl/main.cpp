@@ -250,10 +250,8 @@ int main(int argc, char **argv)
     // Line by line even into a pipe, so output and errors keep their order.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     try {
-        const int status = zorctl::runCommandLine(std::vector<std::string>(argv + 1, argv + argc),
-                                                  zorctl::Level::Program, argv);
-        zorctl::letBluetoothSettle();
-        return status;
+        return zorctl::runCommandLine(std::vector<std::string>(argv + 1, argv + argc), zorctl::Level::Program,
+                                      argv);
     } catch (const std::exception &e) {
         zorctl::printError(std::string("unexpected error: ") + e.what());
         return zorctl::kFailedExit;
