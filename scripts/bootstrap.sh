@@ -11,6 +11,7 @@ debian_packages=(
   clang libclang-rt-dev
   libgnustep-base-dev
   libindi-dev indi-bin iproute2
+  python3 python3-pytest
 )
 brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark)
 
