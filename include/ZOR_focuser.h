@@ -86,7 +86,7 @@
  * the marks 7E 5A, the echoed command and the data. */
 #define ZOR_REPLY_BYTES 17
 
-/* The result of every call. The values are fixed. */
+/* What the calls that report a status return. The values are fixed. */
 typedef enum _ZOR_ERROR_CODE {
     /* The call succeeded. */
     ZOR_SUCCESS = 0,
