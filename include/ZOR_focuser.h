@@ -57,10 +57,11 @@
  * USB ID run side by side (the library serialises the transfers); two of
  * the same kind wait for each other. ZORGetNum, ZOROpen and ZORClose are
  * meant for one thread. The connection-state callback is called on a
- * thread the library owns; the pair-state callback on the thread of the
- * call that received the pairing answer. Keep callbacks short, and make no
- * call that waits for a focuser from the connection-state callback: its
- * answer would have to arrive on that very thread.
+ * thread the library owns when a link is lost; the pair-state callback on
+ * the thread of the call that received the pairing answer. Keep callbacks
+ * short, and make no call that waits for a focuser from the
+ * connection-state callback: its answer would have to arrive on that very
+ * thread.
  */
 #ifndef ZOR_FOCUSER_H
 #define ZOR_FOCUSER_H
@@ -154,9 +155,10 @@ typedef enum _ZOR_CONTROL_TYPE {
  * answer follows). Called on the thread of the call whose exchange received
  * the news (ZORBLEPair, usually), before that call returns. */
 typedef void (*ZORPairStateCallback)(ZOR_ERROR_CODE code);
-/* The Bluetooth link came up (true) or went down (false): a lost link, or
- * ZORBLEDisconnect. Called on a library-owned thread (the Bluetooth event
- * thread); see "Threads" above. */
+/* The Bluetooth link went down (false) or came up (true). false comes when
+ * the link is lost, on a library-owned thread (the Bluetooth event thread),
+ * or when a later ZORBLEConnect takes the link over, on that call's thread;
+ * ZORBLEDisconnect does not call it. See "Threads" above. */
 typedef void (*ZORConnStateCallback)(bool connected);
 
 typedef struct _ZOR_INFO {
@@ -422,14 +424,16 @@ ZOR_API ZOR_ERROR_CODE ZORBLEScan(int iScanTime, BLE_DEVICE_INFO *pList, int iMa
  * first, then one more each, taken back by ZORBLEDisconnect. The transport
  * has one current peripheral: connecting ends the session of the ID
  * connected before, whose calls then answer 53. Blocks until the link is
- * ready, at most 10 s. Pair next (ZORBLEPair).
+ * ready: at most 10 s for the connection, then the focuser's 2 s settling
+ * time. Pair next (ZORBLEPair).
  * Returns 0; 52 when the connection could not be made (the ID is not
  * used), or when no ID below 128 is left; 3 when ID is null. */
 ZOR_API ZOR_ERROR_CODE ZORBLEConnect(const char *pName, const char *pAddress, int *ID);
-/* Ends the Bluetooth session of this ID and frees it: waits until the
- * calls in progress on the ID have returned, stops a running move, and
- * disconnects. Succeeds also after a lost link or a takeover. IDs are
- * taken back as a stack: disconnect in the reverse order of connecting.
+/* Ends the Bluetooth session of this ID and frees it: stops a running move,
+ * disconnects (both have reached the link when it returns), and waits until
+ * the calls in progress on the ID have returned. After a lost link or a
+ * takeover nothing is sent, and it succeeds as well. IDs are taken back as
+ * a stack: disconnect in the reverse order of connecting.
  * Returns 0; 2 when no focuser is connected at the ID or the ID is beyond
  * 127; 9 when the object at the ID has no Bluetooth link (pass only IDs
  * from ZORBLEConnect). */
@@ -467,9 +471,8 @@ ZOR_API ZOR_ERROR_CODE ZORBLESendData(int ID, int iCmd, char *pData, int iLen, b
  * exchange into *pInfo (cleared first). Bluetooth IDs only.
  * Returns 0 (an invalid battery reading fills the battery record with -1);
  * 2 for an ID below 50 or beyond 127; 53 when no focuser is connected at
- * the ID; 8 for firmware without this query; 3 when pInfo is null or no
- * complete answer arrived (the request failed, went unanswered or the
- * answer was short). */
+ * the ID; 8 for firmware without this query; 3 when pInfo is null or the
+ * answer was too short; 51, 57 or 50 when the exchange failed. */
 ZOR_API ZOR_ERROR_CODE ZORBLEgetAllInfo(int ID, ZOR_ALL_INFO *pInfo);
 
 /* ------------------------------------------------------------------------
