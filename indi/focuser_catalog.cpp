@@ -1,6 +1,6 @@
 #include "focuser_catalog.h"
 
-#include "result_codes.h"
+#include "ZOR_result_codes.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -75,7 +75,12 @@ std::string usbKey(int id)
 
 } // namespace
 
-std::string resultText(int code) { return zorctl::formatResult(code); }
+std::string resultText(int code)
+{
+    const char *name = ZORResultName(code);
+    const std::string number = " (" + std::to_string(code) + ")";
+    return name ? name + number + ": " + ZORResultMeaning(code) : "unknown result" + number;
+}
 
 std::string textOf(const char *chars, std::size_t size) { return std::string(chars, strnlen(chars, size)); }
 
