@@ -10,7 +10,8 @@ debian_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev
   libgnustep-base-dev
-  libindi-dev indi-bin iproute2 python3
+  libindi-dev indi-bin iproute2
+  python3 python3-pytest
 )
 brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark)
 
