@@ -42,8 +42,14 @@ public:
 
 CentralCore::CentralCore(std::unique_ptr<PlatformCentral> platform) : m_platform(std::move(platform)) {}
 
-// The platform goes first: its event thread calls into this object.
-CentralCore::~CentralCore() { m_platform.reset(); }
+// The platform goes first: its event thread calls into this object. It is
+// deleted before the pointer changes, since that thread, which the platform
+// stops as it goes, may call the platform until then.
+CentralCore::~CentralCore()
+{
+    delete m_platform.get();
+    (void)m_platform.release();
+}
 
 bool CentralCore::isEventThread() { return t_eventDepth > 0; }
 

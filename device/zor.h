@@ -241,6 +241,9 @@ private:
     uint8_t m_cReconnectCount = 0;
     // The settings key, made on first use.
     std::array<char, kPathBytes> m_pszKeyPath{};
+    // The focuser's own settings key below it, named once its serial was
+    // read over USB in this session; empty until then.
+    std::string m_strSettingsKey;
     float m_fTempValid = 0;
     int m_iTempMax = 250;
     int m_iTempMin = -20;

@@ -3,6 +3,7 @@
 // name, battery.
 #include "device/zor.h"
 
+#include "support/device_settings.h"
 #include "support/log.h"
 
 #include <algorithm>
@@ -226,6 +227,7 @@ int CZOR::getSerialNumber(unsigned char *sn, int len, bool ble)
         serial[7] = static_cast<unsigned char>(r[14] * 16 + r[15]);
     }
     std::memcpy(sn, serial, std::min(static_cast<size_t>(len), kSerialBytes));
+    m_strSettingsKey = focuserKeyName(serial);
     return ZOR_SUCCESS;
 }
 

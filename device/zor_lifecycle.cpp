@@ -151,8 +151,18 @@ void CZOR::LoadSetting()
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     InitSubKey();
     DeviceSettings settings;
+    // Each focuser keeps its own settings: the serial is read here only when
+    // the file holds keys of single focusers and the application has not read
+    // it yet, so an ordinary open sends nothing more.
+    const auto ownKeyName = [this] {
+        if (m_strSettingsKey.empty()) {
+            unsigned char serial[8];
+            getSerialNumber(serial, sizeof serial, false);
+        }
+        return m_strSettingsKey;
+    };
     // A maximum step never saved takes the device's step range.
-    if (!loadDeviceSettings(m_pszKeyPath.data(), m_iMaxStepLimit, settings))
+    if (!loadDeviceSettings(m_pszKeyPath.data(), m_iMaxStepLimit, settings, ownKeyName))
         return;
     m_iStep = settings.position;
     m_iBacklash = settings.backlash;
@@ -164,6 +174,7 @@ void CZOR::LoadSetting()
 void CZOR::SaveSetting()
 {
     DeviceSettings settings;
+    std::string ownKeyName;
     {
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
         InitSubKey();
@@ -172,6 +183,7 @@ void CZOR::SaveSetting()
         settings.beep = bBeep;
         settings.maxStep = m_iMaxStep;
         settings.reverse = bReverse;
+        ownKeyName = m_strSettingsKey;
     }
-    saveDeviceSettings(m_pszKeyPath.data(), settings);
+    saveDeviceSettings(m_pszKeyPath.data(), settings, ownKeyName);
 }

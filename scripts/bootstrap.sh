@@ -11,7 +11,8 @@ debian_packages=(
   clang libclang-rt-dev
   libgnustep-base-dev
   libindi-dev indi-bin iproute2
-  libcpp-httplib-dev nlohmann-json3-dev python3 chromium
+  python3 python3-pytest
+  libcpp-httplib-dev nlohmann-json3-dev chromium
 )
 brew_packages=(cmake pkg-config hidapi spdlog fmt cli11 googletest google-benchmark cpp-httplib nlohmann-json)
 

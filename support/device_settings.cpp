@@ -2,7 +2,9 @@
 
 #include "support/settings_store.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <cstdio>
 #include <cstring>
 
@@ -37,15 +39,51 @@ void setInt(xmlHandle key, const char *name, int32_t value)
     XMLSetValueEx(key, name, nullptr, kValueType, reinterpret_cast<unsigned char *>(&value), sizeof value);
 }
 
+void setValues(xmlHandle key, const DeviceSettings &settings)
+{
+    setInt(key, "Position", settings.position);
+    setInt(key, "Backlash", settings.backlash);
+    setInt(key, "Beep", settings.beep ? 1 : 0);
+    setInt(key, "MaxStep", settings.maxStep);
+    setInt(key, "Reverse", settings.reverse ? 1 : 0);
+}
+
 } // namespace
 
 void buildSettingsKeyPath(char *keyPath, size_t size) { std::snprintf(keyPath, size, "software\\%s", "KVO_Drivebox"); }
 
-bool loadDeviceSettings(const char *keyPath, int stepLimit, DeviceSettings &settings)
+std::string focuserKeyName(const unsigned char (&serial)[8])
 {
-    xmlHandle key;
-    if (!XMLOpenKey(kSettingsFile, keyPath, &key))
+    const auto blank = [&serial](unsigned char fill) {
+        return std::all_of(std::begin(serial), std::end(serial), [fill](unsigned char b) { return b == fill; });
+    };
+    if (blank(0x00) || blank(0xFF))
+        return {};
+    std::string name = "SN";
+    char hex[3];
+    for (unsigned char b : serial) {
+        std::snprintf(hex, sizeof hex, "%02x", b);
+        name += hex;
+    }
+    return name;
+}
+
+bool loadDeviceSettings(const char *keyPath, int stepLimit, DeviceSettings &settings,
+                        const std::function<std::string()> &ownKeyName)
+{
+    xmlHandle shared;
+    if (!XMLOpenKey(kSettingsFile, keyPath, &shared))
         return false;
+    // Each focuser keeps its own settings: a focuser whose key the file holds
+    // reads those; one without (no serial, or never closed with a serial
+    // known) reads the shared values.
+    xmlHandle key = shared;
+    if (ownKeyName && XMLHasSubKeys(shared)) {
+        const std::string name = ownKeyName();
+        xmlHandle own;
+        if (!name.empty() && XMLFindSubKey(shared, name.c_str(), &own))
+            key = own;
+    }
     const int32_t position = queryInt(key, "Position", kMissing);
     const int32_t backlash = queryInt(key, "Backlash", kMissing);
     const int32_t beep = queryInt(key, "Beep", 0);
@@ -56,19 +94,20 @@ bool loadDeviceSettings(const char *keyPath, int stepLimit, DeviceSettings &sett
     settings.beep = beep == 1;
     settings.maxStep = inRangeOr(maxStep, 0, stepLimit, stepLimit);
     settings.reverse = reverse == 1;
-    XMLCloseKey(&key);
+    XMLCloseKey(&shared);
     return true;
 }
 
-void saveDeviceSettings(const char *keyPath, const DeviceSettings &settings)
+void saveDeviceSettings(const char *keyPath, const DeviceSettings &settings, const std::string &ownKeyName)
 {
-    xmlHandle key;
-    if (!XMLOpenKey(kSettingsFile, keyPath, &key) && !XMLCreateKey(kSettingsFile, keyPath, &key, nullptr))
+    xmlHandle shared;
+    if (!XMLOpenKey(kSettingsFile, keyPath, &shared) && !XMLCreateKey(kSettingsFile, keyPath, &shared, nullptr))
         return;
-    setInt(key, "Position", settings.position);
-    setInt(key, "Backlash", settings.backlash);
-    setInt(key, "Beep", settings.beep ? 1 : 0);
-    setInt(key, "MaxStep", settings.maxStep);
-    setInt(key, "Reverse", settings.reverse ? 1 : 0);
-    XMLCloseKey(&key);
+    // The shared values are written as always, so that software reading
+    // them finds the last focuser closed.
+    setValues(shared, settings);
+    xmlHandle own;
+    if (!ownKeyName.empty() && XMLCreateSubKey(shared, ownKeyName.c_str(), &own))
+        setValues(own, settings);
+    XMLCloseKey(&shared);
 }

@@ -85,6 +85,24 @@ bool isWellFormedValue(const TiXmlNode *node)
     return element && element->Attribute("type") && element->GetText();
 }
 
+// A key's element carries its creation date and, unlike a value, no type.
+bool isKey(const TiXmlElement *element) { return element->Attribute("date") && !element->Attribute("type"); }
+
+// The key `level` directly below `node`, created (dated, with `attr` when
+// given) when it is missing.
+TiXmlElement *childKey(TiXmlNode *node, const std::string &level, const char *attr)
+{
+    TiXmlElement *child = node->FirstChildElement(level.c_str());
+    if (child)
+        return child;
+    child = new TiXmlElement(level.c_str());
+    child->SetAttribute("date", creationDate().c_str());
+    if (attr)
+        child->SetAttribute("attr", attr);
+    node->LinkEndChild(child);
+    return child;
+}
+
 // Reads the settings file into `text`; on failure returns why the file counts
 // as malformed. A symbolic link (another user's plant) or anything but a
 // regular file is refused, never followed, and so is a file over 64 KiB or
@@ -263,20 +281,40 @@ bool XMLCreateKey(const char *file, const char *key, xmlHandle *h, const char *a
     if (levels.empty())
         return false;
     TiXmlNode *node = doc.get();
-    for (size_t i = 0; i < levels.size(); ++i) {
-        TiXmlElement *child = node->FirstChildElement(levels[i].c_str());
-        if (!child) {
-            child = new TiXmlElement(levels[i].c_str());
-            child->SetAttribute("date", creationDate().c_str());
-            if (attr && i + 1 == levels.size())
-                child->SetAttribute("attr", attr);
-            node->LinkEndChild(child);
-        }
-        node = child;
-    }
+    for (size_t i = 0; i < levels.size(); ++i)
+        node = childKey(node, levels[i], i + 1 == levels.size() ? attr : nullptr);
     h->element = node->ToElement();
     h->doc = doc.release();
     return true;
+}
+
+bool XMLFindSubKey(xmlHandle parent, const char *name, xmlHandle *child)
+{
+    if (!parent.doc || !parent.element)
+        return false;
+    TiXmlElement *element = parent.element->FirstChildElement(cleanedName(name).c_str());
+    if (!element || !isKey(element))
+        return false;
+    *child = {parent.doc, element};
+    return true;
+}
+
+bool XMLCreateSubKey(xmlHandle parent, const char *name, xmlHandle *child)
+{
+    if (!parent.doc || !parent.element)
+        return false;
+    *child = {parent.doc, childKey(parent.element, cleanedName(name), nullptr)};
+    return true;
+}
+
+bool XMLHasSubKeys(xmlHandle h)
+{
+    if (!h.element)
+        return false;
+    for (const TiXmlElement *child = h.element->FirstChildElement(); child; child = child->NextSiblingElement())
+        if (isKey(child))
+            return true;
+    return false;
 }
 
 void XMLSetValueEx(xmlHandle h, const char *name, const int *attr, int type, unsigned char *data, int size)
@@ -287,6 +325,9 @@ void XMLSetValueEx(xmlHandle h, const char *name, const int *attr, int type, uns
     const std::string cleaned = cleanedName(name);
     TiXmlNode *damaged = nullptr;
     for (TiXmlNode *child = h.element->FirstChild(); child; child = child->NextSibling()) {
+        // Keys below this one (a focuser's own settings) are no damaged values.
+        if (child->ToElement() && isKey(child->ToElement()))
+            continue;
         if (!isWellFormedValue(child)) {
             damaged = child;
             break;

@@ -30,3 +30,11 @@ void XMLSetValueEx(xmlHandle h, const char *name, const int *attr, int type, uns
 // bytes are written to `data`.
 bool XMLQueryValueEx(xmlHandle h, const char *name, int *attr, int *type, unsigned char *data, int *size);
 void XMLCloseKey(xmlHandle *h);
+
+// Keys below an open key share its document: values are read and written
+// through them, and only the key they were found in is closed.
+bool XMLFindSubKey(xmlHandle parent, const char *name, xmlHandle *child);
+// As XMLFindSubKey, creating the key when it is missing.
+bool XMLCreateSubKey(xmlHandle parent, const char *name, xmlHandle *child);
+// Whether an open key holds keys below it, not only values.
+bool XMLHasSubKeys(xmlHandle h);

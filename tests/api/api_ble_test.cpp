@@ -119,6 +119,7 @@ TEST_F(BluetoothCalls, ScanFillsAtMostTheArrayAndLeavesEachFieldsLastByte)
     EXPECT_EQ(ZORBLEScan(100, list, 3, &count), ZOR_ERROR_BLE_UNAVAILABLE);
     EXPECT_EQ(count, 7);
     EXPECT_EQ(ZORBLEScan(100, list, -1, &count), ZOR_ERROR_INVALID_VALUE);
+    EXPECT_EQ(ZORBLEScan(-1, list, 3, &count), ZOR_ERROR_INVALID_VALUE);
 }
 
 TEST_F(BluetoothCalls, IdsAreHandedOutAndTakenBackAsAStack)

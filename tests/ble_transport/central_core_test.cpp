@@ -146,6 +146,31 @@ private:
     std::thread m_thread;
 };
 
+// The connection states a callback heard, from the event thread.
+class States {
+public:
+    std::function<void(bool)> callback()
+    {
+        return [this](bool up) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_states.push_back(up);
+            m_changed.notify_all();
+        };
+    }
+    // What was heard once there are `count` states (or after 10 s).
+    std::vector<bool> once(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, 10s, [&] { return m_states.size() >= count; });
+        return m_states;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<bool> m_states;
+};
+
 BleWaitLimits hourLong()
 {
     BleWaitLimits limits;
@@ -240,8 +265,8 @@ TEST(Central, ALostLinkWakesTheWaitsOnItAndLaterSendsFailAtOnce)
 {
     Central central;
     ASSERT_TRUE(central.connect());
-    std::vector<bool> states;
-    central.manager->ConnectStateCallbackFunc([&](bool up) { states.push_back(up); });
+    States states;
+    central.manager->ConnectStateCallbackFunc(states.callback());
     central.platform->responder = [](const Bytes &) { return std::vector<Bytes>{}; }; // never answers
 
     central.manager->setIsRead(true);
@@ -251,24 +276,24 @@ TEST(Central, ALostLinkWakesTheWaitsOnItAndLaterSendsFailAtOnce)
     const size_t writes = central.platform->calls().size();
     EXPECT_FALSE(central.manager->SendData({2}, 3, 0));
     EXPECT_EQ(central.platform->calls().size(), writes);
-    EXPECT_EQ(states, std::vector<bool>{false});
+    EXPECT_EQ(states.once(1), std::vector<bool>{false});
 
     // A disconnect that was asked for is no lost link: the callback hears nothing.
     ASSERT_TRUE(central.connect());
-    central.manager->ConnectStateCallbackFunc([&](bool up) { states.push_back(up); });
+    central.manager->ConnectStateCallbackFunc(states.callback());
     central.manager->DisconnectFromDevice();
     EXPECT_EQ(central.platform->calls().back(), "disconnect answered");
-    EXPECT_EQ(states, std::vector<bool>{false});
+    EXPECT_EQ(states.once(1), std::vector<bool>{false});
 }
 
 TEST(Central, ASecondConnectEndsTheSessionThatHadTheLink)
 {
     Central central;
     ASSERT_TRUE(central.connect());
-    std::vector<bool> first;
-    central.manager->ConnectStateCallbackFunc([&](bool up) { first.push_back(up); });
+    States first;
+    central.manager->ConnectStateCallbackFunc(first.callback());
     ASSERT_TRUE(central.connect());
-    EXPECT_EQ(first, std::vector<bool>{false});
+    EXPECT_EQ(first.once(1), std::vector<bool>{false});
     EXPECT_EQ(central.exchange({5}), (Bytes{5}));
 }
 

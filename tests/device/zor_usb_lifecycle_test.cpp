@@ -4,6 +4,13 @@
 
 #include "log_lines.h"
 
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <regex>
+#include <tuple>
+#include <sys/stat.h>
+
 
 using zorsim::Direction;
 using zorsim::Model;
@@ -69,6 +76,13 @@ TEST_F(UsbDeviceTest, FailedFirmwareReadLeavesVersionZeroAndOpenIsOnce)
     EXPECT_FALSE(missing.open(nowhere));
 }
 
+// Whether the serial number was asked for among `reports`.
+bool askedForSerial(const std::vector<Bytes> &reports)
+{
+    return std::any_of(reports.begin(), reports.end(),
+                       [](const Bytes &r) { return r.size() > 4 && r[3] == 0x02 && r[4] == 0x0C; });
+}
+
 TEST_F(UsbDeviceTest, UnsetPositionIsRestoredFromTheSavedSettings)
 {
     auto first = open(add(Model::Pro, 382, 64, 1234));
@@ -80,14 +94,94 @@ TEST_F(UsbDeviceTest, UnsetPositionIsRestoredFromTheSavedSettings)
     for (const char *value : {"<Position type=\"4\">d2040000</Position>", "<Backlash type=\"4\">0c000000</Backlash>",
                               "<Beep type=\"4\">01000000</Beep>", "<MaxStep type=\"4\">801a0600</MaxStep>"})
         EXPECT_NE(xml.find(value), std::string::npos) << value;
+    EXPECT_EQ(xml.find("<SN"), std::string::npos) << "no serial was read: no key of its own";
 
     const int lost = add(Model::Pro, 382, 64, 30000);
     open(lost);
     const zorsim::DeviceState s = zorsim::state(lost);
     EXPECT_EQ(std::vector<int>({s.position, s.backlash, s.beep}), (std::vector<int>{1234, 12, 1}));
+    EXPECT_FALSE(askedForSerial(takeReports(lost))) << "the file holds no focuser's own key";
     const int kept = add(Model::Pro, 382, 64, 29999);
     open(kept);
     EXPECT_EQ(zorsim::state(kept).backlash, 0);
+}
+
+// Two focusers that lose power come back at their own positions, from a file
+// of the earlier format (shared values only) that keeps its other content; a
+// focuser whose serial cannot be read takes the shared values.
+TEST_F(UsbDeviceTest, EachFocuserWithASerialKeepsItsOwnSettings)
+{
+    const std::string other = "<Other date=\"20240305_210744\"><Keep type=\"4\">2a000000</Keep></Other>";
+    mkdir((zor_test::sandboxHome() + "/.KVO").c_str(), 0700);
+    std::ofstream(settingsFile()) << "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<software date=\"20240305_210744\">"
+                                  << other
+                                  << "<KVO_Drivebox date=\"20240305_210744\"><Position type=\"4\">39300000</Position>"
+                                     "<Backlash type=\"4\">07000000</Backlash><Note type=\"3\">ab</Note>"
+                                     "</KVO_Drivebox></software>\n";
+    struct Focuser {
+        std::array<uint8_t, 8> serial;
+        int target, backlash;
+        bool reverse;
+        int n = 0;
+        std::unique_ptr<CZOR> device;
+    };
+    Focuser focusers[] = {{{0x5a, 0x4f, 0x52, 0x4e, 0, 0, 1, 0x10}, 40000, 11, true, 0, nullptr},
+                          {{0x5a, 0x4f, 0x52, 0x4e, 0, 0, 1, 0x20}, 20000, 22, false, 0, nullptr}};
+    for (Focuser &f : focusers) {
+        zorsim::DeviceConfig c;
+        c.model = Model::N; // loses power when unplugged
+        c.firmware = 370;
+        c.serial = f.serial;
+        f.n = zorsim::addDevice(c);
+        f.device = open(f.n);
+        EXPECT_FALSE(askedForSerial(takeReports(f.n))) << "the earlier format holds no focuser's own key";
+        EXPECT_EQ(zorsim::state(f.n).position, 12345) << "the shared values, as before";
+        EXPECT_EQ(zorsim::state(f.n).backlash, 7);
+        ZOR_SN serial;
+        ASSERT_EQ(f.device->getSerialNumber(serial.id, sizeof serial.id, false), ZOR_SUCCESS);
+        ASSERT_EQ(f.device->setBacklash(f.backlash, false), ZOR_SUCCESS);
+        ASSERT_EQ(f.device->setReverse(f.reverse, false), ZOR_SUCCESS);
+        ASSERT_EQ(f.device->SetStep(f.target, false), ZOR_SUCCESS);
+    }
+    zorsim::advance(std::chrono::seconds(20));
+    for (Focuser &f : focusers) {
+        int step = 0;
+        ASSERT_EQ(f.device->getStep(&step, false), ZOR_SUCCESS);
+        ASSERT_EQ(step, f.target);
+        f.device->close();
+    }
+    const std::string xml = zor_test::readFile(settingsFile());
+    EXPECT_TRUE(std::regex_search(xml, std::regex(R"(<Other date="20240305_210744">\s*)"
+                                                  R"(<Keep type="4">2a000000</Keep>\s*</Other>)")))
+        << xml;
+    EXPECT_NE(xml.find("<Note type=\"3\">ab</Note>"), std::string::npos) << xml;
+    EXPECT_TRUE(std::regex_search(xml, std::regex(R"(<KVO_Drivebox date="20240305_210744">\s*)"
+                                                  R"(<Position type="4">204e0000</Position>)")))
+        << "the shared values are the last focuser's\n" << xml;
+    EXPECT_TRUE(std::regex_search(xml, std::regex(R"(<SN5a4f524e00000110 date="\d{8}_\d{6}">\s*)"
+                                                  R"(<Position type="4">409c0000</Position>)")))
+        << xml;
+
+    for (Focuser &f : focusers) {
+        zorsim::unplug(f.n);
+        zorsim::plug(f.n);
+        ASSERT_EQ(zorsim::state(f.n).position, 30000);
+        f.device = open(f.n);
+        EXPECT_TRUE(askedForSerial(takeReports(f.n)));
+        const zorsim::DeviceState s = zorsim::state(f.n);
+        EXPECT_EQ(std::make_tuple(s.position, s.backlash, s.reverse),
+                  std::make_tuple(f.target, f.backlash, f.reverse));
+        // An ordinary open, not at the unset position, asks nothing more.
+        f.device->close();
+        takeReports(f.n);
+        f.device = open(f.n);
+        EXPECT_FALSE(askedForSerial(takeReports(f.n)));
+    }
+
+    const int noSerial = add(Model::Old, 321, 16, 30000);
+    open(noSerial);
+    const zorsim::DeviceState s = zorsim::state(noSerial);
+    EXPECT_EQ(std::make_tuple(s.position, s.backlash, s.reverse), std::make_tuple(20000, 22, false));
 }
 
 TEST_F(UsbDeviceTest, CloseStopsARunningMoveOrWritesTheRecordOnce)

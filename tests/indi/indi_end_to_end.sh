@@ -99,23 +99,31 @@ move_to() { # DEVICE STEP
   await "\"$1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION\"==$2 && \"$1.ABS_FOCUS_POSITION._STATE\"==$OK"
 }
 
+# listen DEVICE COMMAND...: runs COMMAND while a client of its own watches
+# DEVICE (tests/indi/indi_listen.py); what it saw goes to $work/listen.out.
+listen() {
+  local device=$1; shift
+  local stop=$work/listen.stop
+  rm -f "$stop"
+  python3 "$(dirname "$0")/indi_listen.py" "$port" "$device" "$stop" >"$work/listen.out" &
+  local listener=$!
+  sleep 0.5
+  "$@"
+  touch "$stop"
+  wait "$listener"
+}
+
 # The largest gap between two updates of DEVICE's position while COMMAND...
 # runs (the focuser should be moving). Prints the figure; fails only when
 # the updates stopped for good (several seconds), since timing is not what
 # these tests measure.
 gaps_during() { # DEVICE LABEL COMMAND...
   local device=$1 label=$2; shift 2
-  local stop=$work/gaps.stop
-  rm -f "$stop"
-  python3 "$(dirname "$0")/update_gaps.py" "$port" "$device" ABS_FOCUS_POSITION "$stop" >"$work/gaps.out" &
-  local recorder=$!
-  sleep 0.5
-  "$@"
-  touch "$stop"
-  wait "$recorder"
-  echo "update gap of $device during $label: $(cat "$work/gaps.out")"
-  local ms; ms=$(sed -n 's/^largest gap \([0-9]*\) ms.*/\1/p' "$work/gaps.out")
-  [ -n "$ms" ] && (( ms < 3000 )) || fail "$device's updates stopped during $label: $(cat "$work/gaps.out")"
+  listen "$device" "$@"
+  local gap; gap=$(head -n1 "$work/listen.out")
+  echo "update gap of $device during $label: $gap"
+  local ms; ms=$(sed -n 's/^largest gap \([0-9]*\) ms.*/\1/p' <<<"$gap")
+  [ -n "$ms" ] && (( ms < 3000 )) || fail "$device's updates stopped during $label: $gap"
 }
 
 # Milliseconds since the epoch, and since such a time.
@@ -137,6 +145,10 @@ usb_case() {
   connect "$F2"
   [ "$(getp "$F1.ZOR_IDENTITY.SERIAL")" != "$(getp "$F2.ZOR_IDENTITY.SERIAL")" ] || fail "both devices drive one focuser"
   expect_eq "$(getp "$F1.ZOR_IDENTITY.LINK")" USB "link"
+  # Other clients asking for the properties change nothing a client sees.
+  two_clients_ask() { getp "$F1.ZOR_FOCUSERS.*" >/dev/null; getp "$F2.*.*" >/dev/null; }
+  listen "$F1" two_clients_ask
+  expect_eq "$(sed -n 2p "$work/listen.out")" "deleted 0 properties" "properties seen by a client while others asked"
   expect_eq "$(getp "$F1.FOCUS_MAX.FOCUS_MAX_VALUE")" "$(sim_field 0 max)" "maximum at connect"
 
   # Absolute and relative moves, each ending Ok where the focuser is.

@@ -48,4 +48,17 @@ if [ -x "$prefix/bin/zorctl" ] && [ "$(uname -s)" = Linux ]; then
 elif [ -x "$prefix/bin/zorctl" ]; then
   "$prefix/bin/zorctl" --version >/dev/null
 fi
+# The Python package, where it was built: it imports from the prefix's Python
+# directory and loads the installed library, found from where it is.
+if [ -d "$build_dir/python/zorfocuser" ]; then
+  package=$(dirname "$(find "$prefix" -path '*/zorfocuser/__init__.py' | head -n1)")
+  loaded=$(cd "$work" && env -u ZOR_LIBRARY PYTHONPATH="$(dirname "$package")" \
+             python3 -c 'import zorfocuser; print(zorfocuser.library_path)')
+  [[ "$loaded" == "$libdir/libZORfocuser."* ]] || { echo "the installed package loads $loaded" >&2; exit 1; }
+  if [ "$(uname -s)" = Linux ]; then
+    (cd "$work" && env -u ZOR_LIBRARY PYTHONPATH="$(dirname "$package")" HOME="$work/home" ZOR_SIM=pro \
+       LD_PRELOAD="$libdir/ZORfocuser/libzor_hidsim.so" \
+       python3 -c 'import zorfocuser; assert zorfocuser.focusers()[0].model == "ZOR Pro"')
+  fi
+fi
 echo "install check passed"

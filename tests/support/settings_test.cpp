@@ -183,9 +183,48 @@ TEST_F(Settings, FileTextGivesTheLoadedValues)
     EXPECT_EQ(loaded.position, 555);
 }
 
+TEST_F(Settings, AFocuserReadsItsOwnKeyElseTheSharedValues)
+{
+    const unsigned char serial[8] = {0x5a, 0x4f, 0x52, 0x50, 0, 0, 1, 0xab};
+    const unsigned char zeros[8] = {}, ones[8] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    EXPECT_EQ(focuserKeyName(serial), "SN5a4f5250000001ab");
+    EXPECT_EQ(focuserKeyName(zeros), "");
+    EXPECT_EQ(focuserKeyName(ones), "");
+
+    int asked = 0;
+    const auto ownKey = [&asked](const char *name) {
+        return [&asked, name] {
+            ++asked;
+            return std::string(name);
+        };
+    };
+    DeviceSettings loaded;
+    saveDeviceSettings(keyPath, DeviceSettings{100, 1, false, 60000, false});
+    ASSERT_TRUE(loadDeviceSettings(keyPath, 60000, loaded, ownKey("SNa")));
+    EXPECT_EQ(asked, 0) << "no serial is needed while the file holds only shared values";
+
+    saveDeviceSettings(keyPath, DeviceSettings{200, 2, true, 50000, true}, "SNa");
+    saveDeviceSettings(keyPath, DeviceSettings{300, 3, false, 60000, false}, "SNb");
+    saveDeviceSettings(keyPath, DeviceSettings{400, 4, false, 60000, false});
+    const std::pair<const char *, DeviceSettings> cases[] = {{"SNa", {200, 2, true, 50000, true}},
+                                                             {"SNb", {300, 3, false, 60000, false}},
+                                                             {"SNc", {400, 4, false, 60000, false}},
+                                                             {"", {400, 4, false, 60000, false}}};
+    for (const auto &[name, expected] : cases) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(loadDeviceSettings(keyPath, 60000, loaded, ownKey(name)));
+        EXPECT_EQ(std::make_tuple(loaded.position, loaded.backlash, loaded.beep, loaded.maxStep, loaded.reverse),
+                  std::make_tuple(expected.position, expected.backlash, expected.beep, expected.maxStep,
+                                  expected.reverse));
+    }
+    EXPECT_EQ(asked, 4);
+}
+
 TEST_F(Settings, DamagedValueBeforeTheWrittenOneIsRemoved)
 {
-    writeConfig(keyXml("<Position>01000000</Position><Backlash type=\"4\">05000000</Backlash>"));
+    // A focuser's own key is no damaged value: it stays.
+    writeConfig(keyXml("<SNa date=\"20240305_210744\"><Beep type=\"4\">01000000</Beep></SNa>"
+                       "<Position>01000000</Position><Backlash type=\"4\">05000000</Backlash>"));
     xmlHandle key;
     ASSERT_TRUE(XMLOpenKey(kFile, keyPath, &key));
     int32_t value = 9;
@@ -194,6 +233,7 @@ TEST_F(Settings, DamagedValueBeforeTheWrittenOneIsRemoved)
 
     const std::string text = configText();
     EXPECT_EQ(text.find("<Position"), std::string::npos) << text;
+    EXPECT_NE(text.find("<Beep type=\"4\">01000000</Beep>"), std::string::npos) << text;
     // The walk stopped at the damaged element, so the value is appended anew.
     EXPECT_TRUE(std::regex_search(text, std::regex(R"(<Backlash type="4">05000000</Backlash>\s*)"
                                                    R"(<Backlash type="4">09000000</Backlash>)")))

@@ -161,6 +161,18 @@ TEST(ZorctlSimulate, KeepsItsSettingsApartAndFindsItsLibrary)
     // The library restores the saved backlash when the next virtual focuser powers up.
     EXPECT_EQ(zorctl({"--simulate", "get", "0", "backlash"}).out, "40\n");
 
+    // Each run powers the virtual focusers up anew: each comes back with
+    // its own position and backlash.
+    const std::string two = "--simulate=n@370/sn=5a4f524e00000001,n@370/sn=5a4f524e00000002";
+    expectSession(two, {{"set 0 backlash 11", "backlash set to 11\n"},
+                        {"set 1 backlash 22", "backlash set to 22\n"},
+                        {"sync 0 40000", "Focuser 0: the current position is now step 40000.\n"},
+                        {"sync 1 20000", "Focuser 1: the current position is now step 20000.\n"}});
+    expectSession(two, {{"position 0", "40000\n"},
+                        {"get 0 backlash", "11\n"},
+                        {"position 1", "20000\n"},
+                        {"get 1 backlash", "22\n"}});
+
     const Outcome missing =
         zorctl({"--simulate", "list"}, "", {"ZORCTL_SIM_LIBRARY=/nowhere/libzor_hidsim.so"});
     EXPECT_EQ(missing.status, 1);

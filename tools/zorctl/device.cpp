@@ -29,6 +29,12 @@ Focuser::Focuser(int id) : m_id(id)
     ZORGetNum();
     check(ZOROpen(id), "opening focuser " + std::to_string(id));
     m_open = true;
+    // Once its serial number is read, the library keeps this focuser's
+    // settings under a key of its own, so that after a power cut it comes
+    // back at its own position rather than at the last focuser's. Firmware
+    // without a serial keeps the shared settings.
+    ZOR_SN serial;
+    ZORGetSerialNumber(id, &serial);
 }
 
 // ZORClose stops a focuser that is moving. A command that ends while the

@@ -1,5 +1,5 @@
-// Names and plain-language meanings of the library's result codes, shared by
-// every zorctl command.
+// What zorctl says about a library result code: the name and meaning from
+// the library's table (ZOR_result_codes.h), and zorctl's own hint on top.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 namespace zorctl {
 
 struct ResultText {
-    const char *name;    // the enumerator, e.g. "ZOR_ERROR_MOVING"
-    const char *meaning; // what it means for someone at the telescope
+    std::string name;    // the enumerator, e.g. "ZOR_ERROR_MOVING"
+    std::string meaning; // what it means for someone at the telescope
 };
 
 // A code the library does not declare gets a generic text.
