@@ -121,7 +121,7 @@ class Server:
 
     def connect(self, device):
         self.put("connect", device)
-        self.wait(lambda: not self.value("connecting", device), "connecting to end")
+        self.wait(lambda: not self.value("connecting", device), "connecting to end", 60)
         check(self.value("connected", device) is True, "focuser %d connected" % device)
 
     def stop(self, how=signal.SIGTERM):
