@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -116,10 +117,14 @@ bool ServerConfig::addBluetoothName(const std::string &name)
     return true;
 }
 
-void ServerConfig::setBluetoothNames(std::vector<std::string> names)
+bool ServerConfig::renameBluetooth(const std::string &from, const std::string &to)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_bluetooth = std::move(names);
+    auto found = std::find(m_bluetooth.begin(), m_bluetooth.end(), from);
+    if (found == m_bluetooth.end())
+        return false;
+    *found = to;
+    return true;
 }
 
 std::optional<zorservice::CompensationSettings> ServerConfig::compensation(const std::string &key) const

@@ -28,7 +28,9 @@ class ServerConfig {
     const std::string &path() const { return m_path; }
     std::vector<std::string> bluetoothNames() const;
     bool addBluetoothName(const std::string &name); // false when already listed
-    void setBluetoothNames(std::vector<std::string> names);
+    // Serves the focuser named `from` as `to` from the next start on (when
+    // `from` was listed here; false otherwise).
+    bool renameBluetooth(const std::string &from, const std::string &to);
     std::optional<zorservice::CompensationSettings> compensation(const std::string &key) const;
     void setCompensation(const std::string &key, const zorservice::CompensationSettings &settings);
 

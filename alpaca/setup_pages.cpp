@@ -84,6 +84,18 @@ std::string number(const char *name, const char *label, const std::string &value
            "></label>\n";
 }
 
+std::string text(const char *name, const char *label, const std::string &value, const char *hint)
+{
+    return std::string("<label>") + label + " <input name=\"" + name + "\" value=\"" + escaped(value) +
+           "\" maxlength=\"11\" placeholder=\"" + hint + "\"></label>\n";
+}
+
+// The name a Bluetooth focuser is served under, from its key ("ble:<name>").
+std::string servedBluetoothName(const std::string &key)
+{
+    return zorservice::transportOf(key) == zorservice::Transport::Bluetooth ? key.substr(4) : "";
+}
+
 std::string formatted(double value)
 {
     std::ostringstream out;
@@ -165,6 +177,10 @@ void AlpacaServer::focuserSetupPage(const httplib::Request &request, httplib::Re
             body += checkbox("beep", "Beep", *s.beep);
         if (s.led)
             body += checkbox("led", "LED", *s.led);
+        body += text("blename", "Bluetooth name", servedBluetoothName(device->key()), "unchanged");
+        if (!servedBluetoothName(device->key()).empty())
+            body += "<p>The focuser takes a new name at once; zor_alpaca serves it under that name from its next "
+                    "start (if it was named with --ble, change that too).</p>\n";
     } else {
         body += "<p>Connect the focuser (from a client) to change the settings it keeps.</p>\n";
     }
@@ -197,6 +213,8 @@ void AlpacaServer::saveFocuserSetup(const httplib::Request &request, httplib::Re
     const auto perDegree = parseDouble(field("stepsperdegree"));
     const auto threshold = parseDouble(field("threshold"));
     std::optional<int> backlash, maxStep;
+    const std::string bluetoothName = field("blename");
+    const std::string servedName = servedBluetoothName(device->key());
     if (focuserFields) {
         backlash = parseInt32(field("backlash"));
         maxStep = parseInt32(field("maxstep"));
@@ -210,6 +228,8 @@ void AlpacaServer::saveFocuserSetup(const httplib::Request &request, httplib::Re
         problem = "The backlash must be a whole number of 0 .. 255.";
     else if (focuserFields && (!maxStep || *maxStep < 1))
         problem = "The maximum step must be a whole number of 1 or more.";
+    else if (bluetoothName.size() > 11)
+        problem = "A Bluetooth name has 11 characters at most.";
     if (!problem.empty())
         return html(response, 400, "Not saved",
                     "<p class=\"problem\">" + escaped(problem) + " Nothing was changed.</p><p><a href=\"/setup/v1/focuser/" +
@@ -235,6 +255,11 @@ void AlpacaServer::saveFocuserSetup(const httplib::Request &request, httplib::Re
             focuser.setBeep(on("beep"));
         if (s.led && on("led") != *s.led)
             focuser.setLed(on("led"));
+        if (!bluetoothName.empty() && bluetoothName != servedName) {
+            focuser.setBluetoothName(bluetoothName);
+            if (!servedName.empty() && m_config.renameBluetooth(servedName, bluetoothName))
+                m_config.save();
+        }
     }
     response.set_redirect("/setup/v1/focuser/" + std::to_string(n) + "/setup?saved=1", 303);
 }

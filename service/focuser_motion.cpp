@@ -10,6 +10,7 @@ namespace zorservice {
 namespace {
 
 constexpr int kMaxBacklash = 255;
+constexpr std::size_t kMaxBluetoothName = 11;
 constexpr auto kStopLimit = std::chrono::seconds(5);
 constexpr auto kStopPoll = std::chrono::milliseconds(20);
 
@@ -197,6 +198,17 @@ void FocuserImpl::setLed(bool on, Done done)
         if (code == ZOR_SUCCESS)
             publish([&](Snapshot &s) { s.led = on; });
         return code;
+    });
+}
+
+void FocuserImpl::setBluetoothName(const std::string &name, Done done)
+{
+    command(std::move(done), "setting the Bluetooth name", [this, name] {
+        if (name.empty() || name.size() > kMaxBluetoothName)
+            return kOutOfRange;
+        std::string text = name; // the library takes a writable string
+        auto tables = callLock();
+        return static_cast<int>(ZORSetBLEName(m_id, text.data()));
     });
 }
 

@@ -151,6 +151,9 @@ class Focuser {
     virtual void setReverse(bool on, Done done = {}) = 0;
     virtual void setBeep(bool on, Done done = {}) = 0;
     virtual void setLed(bool on, Done done = {}) = 0;
+    // The name the focuser advertises over Bluetooth: 1 to 11 bytes. A
+    // Bluetooth focuser keeps its key (and link) until it is reconnected.
+    virtual void setBluetoothName(const std::string &name, Done done = {}) = 0;
     virtual void setCompensation(const CompensationSettings &settings, Done done = {}) = 0;
 
     // How often the worker reads the focuser's state (default 250 ms).

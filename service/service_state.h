@@ -78,6 +78,7 @@ class FocuserImpl final : public Focuser {
     void setReverse(bool on, Done done) override;
     void setBeep(bool on, Done done) override;
     void setLed(bool on, Done done) override;
+    void setBluetoothName(const std::string &name, Done done) override;
     void setCompensation(const CompensationSettings &settings, Done done) override;
     void setPollInterval(std::chrono::milliseconds interval) override;
 
