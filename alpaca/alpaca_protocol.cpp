@@ -98,12 +98,6 @@ std::uint32_t Parameters::clientTransactionId() const
     return value ? parseUint32(*value).value_or(0) : 0;
 }
 
-std::uint32_t Parameters::clientId() const
-{
-    auto value = find("ClientID");
-    return value ? parseUint32(*value).value_or(0) : 0;
-}
-
 std::string envelope(const Answer &answer, std::uint32_t clientTransactionId, std::uint32_t serverTransactionId)
 {
     nlohmann::json body;

@@ -37,10 +37,8 @@ class Parameters {
     int integer(const std::string &name) const;
     std::string text(const std::string &name) const;
 
-    // ClientTransactionID and ClientID: 0 when absent or not a number of
-    // 0 .. 4294967295.
+    // 0 when absent or not a number of 0 .. 4294967295.
     std::uint32_t clientTransactionId() const;
-    std::uint32_t clientId() const;
 
   private:
     std::string required(const std::string &name) const;

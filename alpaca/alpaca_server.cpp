@@ -3,6 +3,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <unistd.h>
 
 namespace zoralpaca {
 namespace {
@@ -93,6 +94,12 @@ std::vector<std::string> split(const std::string &path)
         start = slash + 1;
     }
     return parts;
+}
+
+std::string hostName()
+{
+    char name[256] = {};
+    return gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
 void badRequest(httplib::Response &response, const std::string &reason)
@@ -210,7 +217,7 @@ void AlpacaServer::management(const httplib::Request &request, httplib::Response
         answer = Answer::of({{"ServerName", "zor_alpaca"},
                              {"Manufacturer", "ZOR"},
                              {"ManufacturerVersion", m_info.version},
-                             {"Location", "Telescope"}});
+                             {"Location", hostName()}});
     } else {
         nlohmann::json list = nlohmann::json::array();
         const auto devices = m_devices.all();
