@@ -33,8 +33,9 @@ std::string isoTime(std::chrono::system_clock::time_point time)
 std::string linkProblem(const Snapshot &s)
 {
     if (s.link == Link::Lost)
-        return "the link to the focuser is lost; reconnecting (attempt " + std::to_string(s.reconnectAttempts + 1) +
-               ")" + (s.lastErrorText.empty() ? "" : ": " + s.lastErrorText);
+        return "the link to the focuser is lost; reconnecting (attempt " +
+               std::to_string(s.reconnectAttempts + 1) + ")" +
+               (s.lastErrorText.empty() ? "" : ": " + s.lastErrorText);
     return "the focuser is not connected";
 }
 
@@ -61,7 +62,8 @@ Answer answerForCode(int code)
     }
 }
 
-AlpacaFocuser::AlpacaFocuser(std::shared_ptr<zorservice::Focuser> focuser, std::string name, std::string uniqueId)
+AlpacaFocuser::AlpacaFocuser(std::shared_ptr<zorservice::Focuser> focuser, std::string name,
+                             std::string uniqueId)
     : m_focuser(std::move(focuser)), m_name(std::move(name)), m_uniqueId(std::move(uniqueId))
 {
 }
@@ -91,8 +93,8 @@ Answer AlpacaFocuser::waitFor(void (zorservice::Focuser::*call)(zorservice::Done
     });
     auto result = outcome->get_future();
     if (result.wait_for(kConnectedLimit) != std::future_status::ready)
-        return Answer::error(kStillWorking,
-                             connecting ? "the focuser is still connecting" : "the focuser is still disconnecting");
+        return Answer::error(kStillWorking, connecting ? "the focuser is still connecting"
+                                                       : "the focuser is still disconnecting");
     const int code = result.get();
     if (code == ZOR_SUCCESS)
         return Answer::done();
@@ -105,7 +107,8 @@ Answer AlpacaFocuser::waitFor(void (zorservice::Focuser::*call)(zorservice::Done
 
 Answer AlpacaFocuser::setConnected(bool on)
 {
-    return on ? waitFor(&zorservice::Focuser::connect, true) : waitFor(&zorservice::Focuser::disconnect, false);
+    return on ? waitFor(&zorservice::Focuser::connect, true)
+              : waitFor(&zorservice::Focuser::disconnect, false);
 }
 
 Answer AlpacaFocuser::connect()
@@ -195,8 +198,9 @@ Answer AlpacaFocuser::stepSize() const
     const Snapshot s = m_focuser->snapshot();
     if (auto refused = notConnected(s))
         return *refused;
-    return Answer::error(kNotImplemented, "StepSize is not implemented: the focuser does not know the travel of one "
-                                         "step, which depends on the drawtube it drives");
+    return Answer::error(kNotImplemented,
+                         "StepSize is not implemented: the focuser does not know the travel of one "
+                         "step, which depends on the drawtube it drives");
 }
 
 zorservice::CompensationSettings AlpacaFocuser::compensationShown(const Snapshot &s) const
@@ -219,7 +223,8 @@ Answer AlpacaFocuser::setTempComp(bool on)
     if (auto refused = notConnected(s))
         return *refused;
     if (!s.temperature)
-        return Answer::error(kNotImplemented, "TempComp cannot be set: this focuser has no temperature probe");
+        return Answer::error(kNotImplemented,
+                             "TempComp cannot be set: this focuser has no temperature probe");
     zorservice::CompensationSettings settings = compensationShown(s);
     settings.enabled = on;
     setCompensation(settings);
@@ -254,7 +259,8 @@ Answer AlpacaFocuser::temperature() const
     if (auto refused = notConnected(s))
         return *refused;
     if (!s.temperature)
-        return Answer::error(kNotImplemented, "Temperature is not implemented: this focuser has no temperature probe");
+        return Answer::error(kNotImplemented,
+                             "Temperature is not implemented: this focuser has no temperature probe");
     return Answer::of(*s.temperature);
 }
 

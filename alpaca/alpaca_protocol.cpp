@@ -68,8 +68,9 @@ std::string Parameters::required(const std::string &name) const
 {
     auto value = find(name);
     if (!value)
-        throw BadRequest("Missing parameter " + name +
-                         (m_exactNames ? " (a PUT parameter is named with this exact casing, in the form body)" : ""));
+        throw BadRequest(
+            "Missing parameter " + name +
+            (m_exactNames ? " (a PUT parameter is named with this exact casing, in the form body)" : ""));
     return *value;
 }
 
@@ -98,7 +99,8 @@ std::uint32_t Parameters::clientTransactionId() const
     return value ? parseUint32(*value).value_or(0) : 0;
 }
 
-std::string envelope(const Answer &answer, std::uint32_t clientTransactionId, std::uint32_t serverTransactionId)
+std::string envelope(const Answer &answer, std::uint32_t clientTransactionId,
+                     std::uint32_t serverTransactionId)
 {
     nlohmann::json body;
     if (answer.errorNumber == 0 && !answer.value.is_null())

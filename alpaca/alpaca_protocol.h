@@ -62,6 +62,7 @@ class Transactions {
 
 // The JSON envelope: Value (when the answer has one), the two transaction
 // numbers, ErrorNumber and ErrorMessage.
-std::string envelope(const Answer &answer, std::uint32_t clientTransactionId, std::uint32_t serverTransactionId);
+std::string envelope(const Answer &answer, std::uint32_t clientTransactionId,
+                     std::uint32_t serverTransactionId);
 
 } // namespace zoralpaca

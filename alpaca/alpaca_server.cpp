@@ -23,7 +23,8 @@ Answer notImplementedCommand(const Parameters &p, const char *member)
 {
     p.text("Command");
     p.boolean("Raw");
-    return Answer::error(kNotImplemented, std::string(member) + " is not implemented: the focuser takes no raw commands");
+    return Answer::error(kNotImplemented,
+                         std::string(member) + " is not implemented: the focuser takes no raw commands");
 }
 
 // Every member of the focuser interface, version 4, by its path name.
@@ -32,20 +33,23 @@ const std::map<std::string, Member> &members(const ServerInfo &info)
     static const std::map<std::string, Member> table = [&info] {
         const std::string version = info.version;
         std::map<std::string, Member> m;
-        m["connected"] = {[](AlpacaFocuser &f, const Parameters &) { return f.connected(); },
-                          [](AlpacaFocuser &f, const Parameters &p) { return f.setConnected(p.boolean("Connected")); }};
+        m["connected"] = {
+            [](AlpacaFocuser &f, const Parameters &) { return f.connected(); },
+            [](AlpacaFocuser &f, const Parameters &p) { return f.setConnected(p.boolean("Connected")); }};
         m["connect"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.connect(); }};
         m["disconnect"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.disconnect(); }};
         m["connecting"] = {[](AlpacaFocuser &f, const Parameters &) { return f.connecting(); }, nullptr};
         m["devicestate"] = {[](AlpacaFocuser &f, const Parameters &) { return f.deviceState(); }, nullptr};
         m["description"] = {[](AlpacaFocuser &f, const Parameters &) { return f.description(); }, nullptr};
         m["driverinfo"] = {[version](AlpacaFocuser &, const Parameters &) {
-                               return Answer::of("zor_alpaca, the Alpaca server of the ZOR focuser SDK " + version);
+                               return Answer::of("zor_alpaca, the Alpaca server of the ZOR focuser SDK " +
+                                                 version);
                            },
                            nullptr};
-        m["driverversion"] = {[version](AlpacaFocuser &, const Parameters &) { return Answer::of(version); }, nullptr};
-        m["interfaceversion"] = {[](AlpacaFocuser &, const Parameters &) { return Answer::of(kInterfaceVersion); },
-                                 nullptr};
+        m["driverversion"] = {[version](AlpacaFocuser &, const Parameters &) { return Answer::of(version); },
+                              nullptr};
+        m["interfaceversion"] = {
+            [](AlpacaFocuser &, const Parameters &) { return Answer::of(kInterfaceVersion); }, nullptr};
         m["name"] = {[](AlpacaFocuser &f, const Parameters &) { return Answer::of(f.name()); }, nullptr};
         m["supportedactions"] = {
             [](AlpacaFocuser &, const Parameters &) { return Answer::of(nlohmann::json::array()); }, nullptr};
@@ -70,13 +74,15 @@ const std::map<std::string, Member> &members(const ServerInfo &info)
         m["maxstep"] = {[](AlpacaFocuser &f, const Parameters &) { return f.maxStep(); }, nullptr};
         m["position"] = {[](AlpacaFocuser &f, const Parameters &) { return f.position(); }, nullptr};
         m["stepsize"] = {[](AlpacaFocuser &f, const Parameters &) { return f.stepSize(); }, nullptr};
-        m["tempcomp"] = {[](AlpacaFocuser &f, const Parameters &) { return f.tempComp(); },
-                         [](AlpacaFocuser &f, const Parameters &p) { return f.setTempComp(p.boolean("TempComp")); }};
+        m["tempcomp"] = {
+            [](AlpacaFocuser &f, const Parameters &) { return f.tempComp(); },
+            [](AlpacaFocuser &f, const Parameters &p) { return f.setTempComp(p.boolean("TempComp")); }};
         m["tempcompavailable"] = {[](AlpacaFocuser &f, const Parameters &) { return f.tempCompAvailable(); },
                                   nullptr};
         m["temperature"] = {[](AlpacaFocuser &f, const Parameters &) { return f.temperature(); }, nullptr};
         m["halt"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.halt(); }};
-        m["move"] = {nullptr, [](AlpacaFocuser &f, const Parameters &p) { return f.move(p.integer("Position")); }};
+        m["move"] = {nullptr,
+                     [](AlpacaFocuser &f, const Parameters &p) { return f.move(p.integer("Position")); }};
         return m;
     }();
     return table;
@@ -147,8 +153,9 @@ void AlpacaServer::install(httplib::Server &http)
              [this](const httplib::Request &q, httplib::Response &r) { management(q, r, "apiversions"); });
     http.Get("/management/v1/description",
              [this](const httplib::Request &q, httplib::Response &r) { management(q, r, "description"); });
-    http.Get("/management/v1/configureddevices",
-             [this](const httplib::Request &q, httplib::Response &r) { management(q, r, "configureddevices"); });
+    http.Get("/management/v1/configureddevices", [this](const httplib::Request &q, httplib::Response &r) {
+        management(q, r, "configureddevices");
+    });
     http.Get("/setup", [this](const httplib::Request &q, httplib::Response &r) { serverSetupPage(q, r); });
     http.Post("/setup", [this](const httplib::Request &q, httplib::Response &r) { saveServerSetup(q, r); });
     http.Get(R"(/setup/v1/focuser/(\d{1,9})/setup)",
@@ -162,7 +169,7 @@ void AlpacaServer::install(httplib::Server &http)
             return;
         if (r.status == 413)
             r.status = 400;
-        r.set_content(r.status == 404 ? "No such page or API path\n"
+        r.set_content(r.status == 404   ? "No such page or API path\n"
                       : r.status == 400 ? "Bad request (malformed, or its body is larger than 64 KiB)\n"
                                         : "Request refused\n",
                       "text/plain; charset=utf-8");
@@ -182,8 +189,9 @@ void AlpacaServer::deviceApi(const httplib::Request &request, httplib::Response 
     if (parts.size() != 6 || parts[1] != "api" || parts[2] != "v1")
         return badRequest(response, "Not a path of the Alpaca device API v1: " + request.path.substr(0, 100));
     if (parts[3] != "focuser")
-        return badRequest(response, "This server serves focusers only (device type \"focuser\", lower case), not \"" +
-                                        parts[3].substr(0, 40) + "\"");
+        return badRequest(response,
+                          "This server serves focusers only (device type \"focuser\", lower case), not \"" +
+                              parts[3].substr(0, 40) + "\"");
     const auto number = parseUint32(parts[4]);
     if (!number || (parts[4].size() > 1 && parts[4][0] == '0'))
         return badRequest(response, "Device number \"" + parts[4].substr(0, 20) + "\" is not a number");
@@ -196,7 +204,8 @@ void AlpacaServer::deviceApi(const httplib::Request &request, httplib::Response 
         return badRequest(response, "Focusers have no member \"" + parts[5].substr(0, 40) + "\"");
     const auto &handler = request.method == "GET" ? found->second.get : found->second.put;
     if (!handler)
-        return badRequest(response, parts[5] + " is " + (request.method == "GET" ? "set with PUT" : "read with GET"));
+        return badRequest(response,
+                          parts[5] + " is " + (request.method == "GET" ? "set with PUT" : "read with GET"));
     try {
         const Parameters parameters(request);
         const Answer answer = handler(*device, parameters);
@@ -207,7 +216,8 @@ void AlpacaServer::deviceApi(const httplib::Request &request, httplib::Response 
     }
 }
 
-void AlpacaServer::management(const httplib::Request &request, httplib::Response &response, const std::string &what)
+void AlpacaServer::management(const httplib::Request &request, httplib::Response &response,
+                              const std::string &what)
 {
     const Parameters parameters(request);
     Answer answer;

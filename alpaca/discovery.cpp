@@ -2,8 +2,8 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <fcntl.h>
 #include <cstring>
+#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -110,8 +110,10 @@ void Discovery::run()
             socklen_t length = sizeof sender;
             const ssize_t got = recvfrom(watched[i].fd, query, sizeof query, 0,
                                          reinterpret_cast<sockaddr *>(&sender), &length);
-            if (got >= static_cast<ssize_t>(sizeof kQuery - 1) && std::memcmp(query, kQuery, sizeof kQuery - 1) == 0)
-                sendto(watched[i].fd, m_reply.data(), m_reply.size(), 0, reinterpret_cast<sockaddr *>(&sender), length);
+            if (got >= static_cast<ssize_t>(sizeof kQuery - 1) &&
+                std::memcmp(query, kQuery, sizeof kQuery - 1) == 0)
+                sendto(watched[i].fd, m_reply.data(), m_reply.size(), 0,
+                       reinterpret_cast<sockaddr *>(&sender), length);
         }
     }
 }

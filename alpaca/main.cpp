@@ -146,7 +146,8 @@ int main(int argc, char **argv)
 {
     Options options;
     CLI::App app{"ASCOM Alpaca server for ZOR focusers"};
-    app.add_option("--port", options.port, "HTTP port of the Alpaca API (default 11111)")->check(CLI::Range(1, 65535));
+    app.add_option("--port", options.port, "HTTP port of the Alpaca API (default 11111)")
+        ->check(CLI::Range(1, 65535));
     app.add_option("--discovery-port", options.discoveryPort, "UDP port of Alpaca discovery (default 32227)")
         ->check(CLI::Range(1, 65535));
     app.add_option("--bind", options.bind, "address to listen on (default: all interfaces)");

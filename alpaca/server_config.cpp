@@ -79,7 +79,8 @@ void ServerConfig::load()
     std::string text(kMaxFileSize + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(file.gcount()));
-    const auto parsed = text.size() > kMaxFileSize ? nlohmann::json() : nlohmann::json::parse(text, nullptr, false);
+    const auto parsed =
+        text.size() > kMaxFileSize ? nlohmann::json() : nlohmann::json::parse(text, nullptr, false);
     if (!parsed.is_object()) {
         std::cerr << "zor_alpaca: " << m_path << " is not a configuration this program wrote; not used\n";
         return;

@@ -16,12 +16,23 @@ std::string escaped(const std::string &text)
     std::string out;
     for (char c : text) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&#39;"; break;
-        default: out += c;
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        case '\'':
+            out += "&#39;";
+            break;
+        default:
+            out += c;
         }
     }
     return out;
@@ -39,7 +50,8 @@ std::string page(const std::string &title, const std::string &body)
 void html(httplib::Response &response, int status, const std::string &title, const std::string &body)
 {
     response.status = status;
-    response.set_header("Content-Security-Policy", "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'");
+    response.set_header("Content-Security-Policy",
+                        "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'");
     response.set_header("X-Frame-Options", "DENY");
     response.set_content(page(title, body), "text/html; charset=utf-8");
 }
@@ -65,23 +77,27 @@ bool sameOrigin(const httplib::Request &request)
 const char *linkText(Link link)
 {
     switch (link) {
-    case Link::Connected: return "connected";
-    case Link::Connecting: return "connecting";
-    case Link::Lost: return "link lost, reconnecting";
-    default: return "not connected";
+    case Link::Connected:
+        return "connected";
+    case Link::Connecting:
+        return "connecting";
+    case Link::Lost:
+        return "link lost, reconnecting";
+    default:
+        return "not connected";
     }
 }
 
 std::string checkbox(const char *name, const char *label, bool on)
 {
-    return std::string("<label><input type=\"checkbox\" name=\"") + name + "\" value=\"on\"" + (on ? " checked" : "") +
-           "> " + label + "</label>\n";
+    return std::string("<label><input type=\"checkbox\" name=\"") + name + "\" value=\"on\"" +
+           (on ? " checked" : "") + "> " + label + "</label>\n";
 }
 
 std::string number(const char *name, const char *label, const std::string &value, const char *limits)
 {
-    return std::string("<label>") + label + " <input name=\"" + name + "\" value=\"" + escaped(value) + "\" " + limits +
-           "></label>\n";
+    return std::string("<label>") + label + " <input name=\"" + name + "\" value=\"" + escaped(value) +
+           "\" " + limits + "></label>\n";
 }
 
 std::string text(const char *name, const char *label, const std::string &value, const char *hint)
@@ -118,17 +134,18 @@ std::optional<double> parseDouble(const std::string &text)
 
 void AlpacaServer::serverSetupPage(const httplib::Request &request, httplib::Response &response)
 {
-    std::string body = "<p>zor_alpaca " + escaped(m_info.version) + ", Alpaca port " + std::to_string(m_info.port) +
-                       ". Configuration: " + escaped(m_config.path()) + "</p>\n";
+    std::string body = "<p>zor_alpaca " + escaped(m_info.version) + ", Alpaca port " +
+                       std::to_string(m_info.port) + ". Configuration: " + escaped(m_config.path()) +
+                       "</p>\n";
     if (request.has_param("added"))
         body += "<p>Added: the focuser is served as the last device below.</p>\n";
     body += "<table><tr><th>Device</th><th>Focuser</th><th>Link</th><th>UniqueID</th></tr>\n";
     const auto devices = m_devices.all();
     for (std::size_t n = 0; n < devices.size(); ++n) {
         const auto s = devices[n]->focuser().snapshot();
-        body += "<tr><td><a href=\"/setup/v1/focuser/" + std::to_string(n) + "/setup\">focuser/" + std::to_string(n) +
-                "</a></td><td>" + escaped(devices[n]->name()) + "</td><td>" + linkText(s.link) + "</td><td>" +
-                escaped(devices[n]->uniqueId()) + "</td></tr>\n";
+        body += "<tr><td><a href=\"/setup/v1/focuser/" + std::to_string(n) + "/setup\">focuser/" +
+                std::to_string(n) + "</a></td><td>" + escaped(devices[n]->name()) + "</td><td>" +
+                linkText(s.link) + "</td><td>" + escaped(devices[n]->uniqueId()) + "</td></tr>\n";
     }
     body += "</table>\n<p>USB focusers are served as they are found when the server starts.</p>\n"
             "<h2>Serve a Bluetooth focuser</h2>\n<form method=\"post\" action=\"/setup\">\n"
@@ -140,7 +157,8 @@ void AlpacaServer::serverSetupPage(const httplib::Request &request, httplib::Res
 void AlpacaServer::saveServerSetup(const httplib::Request &request, httplib::Response &response)
 {
     if (!sameOrigin(request))
-        return html(response, 403, "Refused", "<p>This form is taken only from this server's own setup page.</p>");
+        return html(response, 403, "Refused",
+                    "<p>This form is taken only from this server's own setup page.</p>");
     const std::string name = request.get_param_value("ble");
     if (name.empty() || name.size() > 11)
         return html(response, 400, "Not added", "<p>A Bluetooth name has 1 to 11 characters.</p>");
@@ -155,12 +173,13 @@ void AlpacaServer::focuserSetupPage(const httplib::Request &request, httplib::Re
     const std::size_t n = std::stoul(request.matches[1]);
     const auto device = m_devices.at(n);
     if (!device)
-        return html(response, 403, "No such focuser", "<p>There is no focuser " + std::to_string(n) +
-                                                          ". <a href=\"/setup\">All focusers</a></p>");
+        return html(response, 403, "No such focuser",
+                    "<p>There is no focuser " + std::to_string(n) +
+                        ". <a href=\"/setup\">All focusers</a></p>");
     const auto s = device->focuser().snapshot();
     const std::string action = "/setup/v1/focuser/" + std::to_string(n) + "/setup";
-    std::string body = "<p><a href=\"/setup\">All focusers</a> &middot; " + escaped(device->name()) + " &middot; " +
-                       linkText(s.link) + "</p>\n";
+    std::string body = "<p><a href=\"/setup\">All focusers</a> &middot; " + escaped(device->name()) +
+                       " &middot; " + linkText(s.link) + "</p>\n";
     if (request.has_param("saved"))
         body += "<p>Sent to the focuser.</p>\n";
     if (!s.lastErrorText.empty())
@@ -179,8 +198,9 @@ void AlpacaServer::focuserSetupPage(const httplib::Request &request, httplib::Re
             body += checkbox("led", "LED", *s.led);
         body += text("blename", "Bluetooth name", servedBluetoothName(device->key()), "unchanged");
         if (!servedBluetoothName(device->key()).empty())
-            body += "<p>The focuser takes a new name at once; zor_alpaca serves it under that name from its next "
-                    "start (if it was named with --ble, change that too).</p>\n";
+            body +=
+                "<p>The focuser takes a new name at once; zor_alpaca serves it under that name from its next "
+                "start (if it was named with --ble, change that too).</p>\n";
     } else {
         body += "<p>Connect the focuser (from a client) to change the settings it keeps.</p>\n";
     }
@@ -190,7 +210,8 @@ void AlpacaServer::focuserSetupPage(const httplib::Request &request, httplib::Re
                    "type=\"number\" step=\"any\"") +
             number("threshold", "Threshold (&deg;C)", formatted(s.compensation.threshold),
                    "type=\"number\" step=\"any\" min=\"0.01\"") +
-            "<input type=\"hidden\" name=\"form\" value=\"" + std::string(s.link == Link::Connected ? "all" : "compensation") +
+            "<input type=\"hidden\" name=\"form\" value=\"" +
+            std::string(s.link == Link::Connected ? "all" : "compensation") +
             "\">\n<p><button type=\"submit\">Save</button></p></form>\n";
     html(response, 200, "Focuser " + std::to_string(n) + " setup", body);
 }
@@ -199,11 +220,13 @@ void AlpacaServer::focuserSetupPage(const httplib::Request &request, httplib::Re
 void AlpacaServer::saveFocuserSetup(const httplib::Request &request, httplib::Response &response)
 {
     if (!sameOrigin(request))
-        return html(response, 403, "Refused", "<p>This form is taken only from this server's own setup page.</p>");
+        return html(response, 403, "Refused",
+                    "<p>This form is taken only from this server's own setup page.</p>");
     const std::size_t n = std::stoul(request.matches[1]);
     const auto device = m_devices.at(n);
     if (!device)
-        return html(response, 403, "No such focuser", "<p>There is no focuser " + std::to_string(n) + ".</p>");
+        return html(response, 403, "No such focuser",
+                    "<p>There is no focuser " + std::to_string(n) + ".</p>");
     const auto field = [&](const char *name) { return request.get_param_value(name); };
     const auto on = [&](const char *name) { return request.has_param(name); };
     const bool focuserFields = field("form") == "all";
@@ -232,8 +255,9 @@ void AlpacaServer::saveFocuserSetup(const httplib::Request &request, httplib::Re
         problem = "A Bluetooth name has 11 characters at most.";
     if (!problem.empty())
         return html(response, 400, "Not saved",
-                    "<p class=\"problem\">" + escaped(problem) + " Nothing was changed.</p><p><a href=\"/setup/v1/focuser/" +
-                        std::to_string(n) + "/setup\">Back</a></p>");
+                    "<p class=\"problem\">" + escaped(problem) +
+                        " Nothing was changed.</p><p><a href=\"/setup/v1/focuser/" + std::to_string(n) +
+                        "/setup\">Back</a></p>");
 
     compensation.stepsPerDegree = *perDegree;
     compensation.threshold = *threshold;

@@ -50,14 +50,17 @@ pid_t startServer(int port, const std::string &home)
     const pid_t pid = fork();
     if (pid == 0) {
         setenv("LD_PRELOAD", ZOR_HIDSIM_LIBRARY, 1);
-        setenv("ZOR_SIM", ("pro/speed=" + std::to_string(kSpeed) + "/pos=" + std::to_string(kStart) +
-                           "/max=" + std::to_string(kTarget)).c_str(), 1);
+        setenv("ZOR_SIM",
+               ("pro/speed=" + std::to_string(kSpeed) + "/pos=" + std::to_string(kStart) +
+                "/max=" + std::to_string(kTarget))
+                   .c_str(),
+               1);
         setenv("HOME", home.c_str(), 1);
         setenv("XDG_CONFIG_HOME", home.c_str(), 1);
         setenv("XDG_RUNTIME_DIR", home.c_str(), 1);
         const std::string portText = std::to_string(port), discovery = std::to_string(freePort());
-        execl(ZOR_ALPACA_PROGRAM, "zor_alpaca", "--port", portText.c_str(), "--discovery-port", discovery.c_str(),
-              "--bind", "127.0.0.1", static_cast<char *>(nullptr));
+        execl(ZOR_ALPACA_PROGRAM, "zor_alpaca", "--port", portText.c_str(), "--discovery-port",
+              discovery.c_str(), "--bind", "127.0.0.1", static_cast<char *>(nullptr));
         _exit(127);
     }
     return pid;
@@ -90,7 +93,8 @@ void poll(int port, int client, Clock::time_point end, ClientResult &out)
         const bool position = n % 2;
         const std::string tid = std::to_string(client * 1000000 + n);
         const auto sent = Clock::now();
-        const auto answer = call(http, "GET", position ? "position" : "ismoving", "ClientTransactionID=" + tid);
+        const auto answer =
+            call(http, "GET", position ? "position" : "ismoving", "ClientTransactionID=" + tid);
         out.latencies.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
         bool right = answer.is_object() && answer.value("ErrorNumber", -1) == 0 &&
                      answer.value("ClientTransactionID", 0u) == std::stoul(tid) && answer.contains("Value");
@@ -108,7 +112,8 @@ void poll(int port, int client, Clock::time_point end, ClientResult &out)
 
 double percentile(const std::vector<double> &sorted, double p)
 {
-    return sorted[std::min(sorted.size() - 1, static_cast<std::size_t>(p * static_cast<double>(sorted.size())))];
+    return sorted[std::min(sorted.size() - 1,
+                           static_cast<std::size_t>(p * static_cast<double>(sorted.size())))];
 }
 
 } // namespace
@@ -126,7 +131,8 @@ int main(int argc, char **argv)
     const pid_t server = startServer(port, home);
     httplib::Client setup("127.0.0.1", port);
     nlohmann::json connected;
-    for (int i = 0; i < 100 && !(connected = call(setup, "PUT", "connected", "Connected=true")).is_object(); ++i)
+    for (int i = 0; i < 100 && !(connected = call(setup, "PUT", "connected", "Connected=true")).is_object();
+         ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const bool moving = connected.is_object() && connected["ErrorNumber"] == 0 &&
                         call(setup, "PUT", "move", "Position=" + std::to_string(kTarget))["ErrorNumber"] == 0;
@@ -158,10 +164,10 @@ int main(int argc, char **argv)
         wrong += r.wrong;
     }
     std::sort(all.begin(), all.end());
-    std::printf("%d clients, %d s, one move running: %zu answers (%.0f/s), %ld wrong\n", clients, seconds, all.size(),
-                static_cast<double>(all.size()) / seconds, wrong);
-    std::printf("latency ms: p50 %.2f  p90 %.2f  p99 %.2f  max %.2f\n", percentile(all, 0.5), percentile(all, 0.9),
-                percentile(all, 0.99), all.back());
+    std::printf("%d clients, %d s, one move running: %zu answers (%.0f/s), %ld wrong\n", clients, seconds,
+                all.size(), static_cast<double>(all.size()) / seconds, wrong);
+    std::printf("latency ms: p50 %.2f  p90 %.2f  p99 %.2f  max %.2f\n", percentile(all, 0.5),
+                percentile(all, 0.9), percentile(all, 0.99), all.back());
     if (wrong)
         std::printf("first wrong answer: %s\n", firstWrong.c_str());
     std::printf("server exit status %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
