@@ -12,8 +12,9 @@ retarget, halt, temperature compensation, a focuser without a probe),
 discovery, restart (UniqueIDs across a restart; SIGINT and SIGTERM end it
 with 0), setup (the setup pages in headless Chromium: the page renders, a
 form changes the backlash, a post from another origin is refused) or
-bluetooth (a virtual Bluetooth focuser on a private bus beside a USB one: a
-link dropped during a move shows no move running, and comes back).
+bluetooth (virtual Bluetooth focusers on a private bus beside a USB one: a
+link dropped during a move shows no move running, and comes back; a focuser
+named on the setup page is served at once and after a restart).
 """
 import base64
 import concurrent.futures
@@ -162,7 +163,8 @@ def protocol():
                          ("GET", "/api/V1/focuser/0/description"), ("GET", "/api/v2/focuser/0/description"),
                          ("GET", "/api/v1/focuser/0/move"), ("PUT", "/api/v1/focuser/0/position"),
                          ("POST", "/api/v1/focuser/0/connected"), ("DELETE", "/api/v1/focuser/0/connected"),
-                         ("GET", "/api/v1/focuser/00/description"), ("GET", "/api/v1/focuser/4294967296/name")]:
+                         ("GET", "/api/v1/focuser/00/description"), ("GET", "/api/v1/focuser/4294967296/name"),
+                         ("GET", "/api/v1/focuser/0/" + "a" * 8000)]:
         status, text = s.request(method, path, [("Connected", "true")] if method != "GET" else None)
         check(status == 400 and isinstance(text, str) and text.strip(), "%s %s: %d %r" % (method, path, status, text))
 
@@ -501,7 +503,7 @@ def setup():
 
 def bluetooth():
     bus = subprocess.Popen([bus_script], env=dict(os.environ, ZOR_BLUEZ_SIM=bluez_sim,
-                                                  ZOR_BLE_SIM="pro@382/name=Garage/speed=2000"),
+                                                  ZOR_BLE_SIM="pro@382/name=Garage/speed=2000,pro@382/name=Shed"),
                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:
         address = ""
@@ -525,6 +527,18 @@ def bluetooth():
         check(s.value("position", 0) == 30000, "the USB focuser answers meanwhile")
         s.wait(lambda: s.api("GET", "position", device=1)["ErrorNumber"] == OK, "the link regained", 60)
         check(s.value("connected", 1) is True, "connected again")
+
+        # Another one, named on the setup page: served at once, and again
+        # after a restart.
+        origin = {"Origin": "http://127.0.0.1:%d" % s.port, "Host": "127.0.0.1:%d" % s.port}
+        status, _ = s.request("POST", "/setup", [("ble", "Shed")], origin)
+        check(status == 303, "Shed added: %d" % status)
+        s.connect(2)
+        check("Shed" in s.value("name", 2), "focuser 2 is Shed")
+        check(s.stop() == 0, "exit status 0")
+        s = Server("pro/speed=4000", env={"DBUS_SYSTEM_BUS_ADDRESS": address})
+        names = [d["DeviceName"] for d in s.request("GET", "/management/v1/configureddevices")[1]["Value"]]
+        check(len(names) == 2 and "Shed" in names[1], "Shed served after a restart: %s" % names)
         check(s.stop() == 0, "exit status 0")
     finally:
         bus.terminate()
