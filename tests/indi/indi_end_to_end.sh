@@ -11,7 +11,7 @@
 # controller, unplug and return), chained (a second server relays the
 # first; a focuser without a probe; a second driver finds the focuser in
 # use), restart (two focusers keep their device across a restart of the
-# driver) or bluetooth (virtual Bluetooth focusers on a private bus beside a
+# driver, and their position across a power cycle) or bluetooth (virtual Bluetooth focusers on a private bus beside a
 # USB focuser: scan, a connect that fails, connect, battery, a link dropped
 # during a move and regained, while the USB focuser's updates keep coming).
 set -euo pipefail
@@ -357,7 +357,8 @@ bluetooth_case() {
 }
 
 # Two focusers keep their own device across a restart of the driver, each
-# device's choice saved; the first device is given the second focuser.
+# device's choice saved (the first device is given the second focuser), and
+# their own position across a power cycle of both.
 restart_case() {
   export ZOR_SIM="2*pro/speed=4000"
   start_server main indi_zor_focuser
@@ -381,6 +382,10 @@ restart_case() {
   expect_eq "$(getp "$F2.ZOR_FOCUSER.KEY")" "$first" "second device's focuser after the restart"
   connect "$F1"
   connect "$F2"
+  # The virtual focusers lived in the first driver process: these are
+  # powered up afresh, and each is given back its own position.
+  expect_eq "$(getp "$F1.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 31000 "first device's position after a power cycle"
+  expect_eq "$(getp "$F2.ABS_FOCUS_POSITION.FOCUS_ABSOLUTE_POSITION")" 32000 "second device's position after a power cycle"
   check_server_log
 }
 
