@@ -83,7 +83,7 @@ class AlpacaFocuser {
   private:
     // The snapshot when connected, else the error every operational member answers.
     std::optional<Answer> notConnected(const zorservice::Snapshot &s) const;
-    Answer waitFor(void (zorservice::Focuser::*call)(zorservice::Done), bool connected);
+    Answer waitFor(void (zorservice::Focuser::*call)(zorservice::Done), bool connecting);
     zorservice::CompensationSettings compensationShown(const zorservice::Snapshot &s) const;
 
     std::shared_ptr<zorservice::Focuser> m_focuser;

@@ -11,81 +11,12 @@ namespace {
 constexpr std::size_t kMaxBody = 64 * 1024;
 constexpr int kInterfaceVersion = 4;
 
-using Getter = std::function<Answer(AlpacaFocuser &, const Parameters &)>;
-using Setter = std::function<Answer(AlpacaFocuser &, const Parameters &)>;
-
-struct Member {
-    Getter get;
-    Setter put;
-};
-
 Answer notImplementedCommand(const Parameters &p, const char *member)
 {
     p.text("Command");
     p.boolean("Raw");
     return Answer::error(kNotImplemented,
                          std::string(member) + " is not implemented: the focuser takes no raw commands");
-}
-
-// Every member of the focuser interface, version 4, by its path name.
-const std::map<std::string, Member> &members(const ServerInfo &info)
-{
-    static const std::map<std::string, Member> table = [&info] {
-        const std::string version = info.version;
-        std::map<std::string, Member> m;
-        m["connected"] = {
-            [](AlpacaFocuser &f, const Parameters &) { return f.connected(); },
-            [](AlpacaFocuser &f, const Parameters &p) { return f.setConnected(p.boolean("Connected")); }};
-        m["connect"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.connect(); }};
-        m["disconnect"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.disconnect(); }};
-        m["connecting"] = {[](AlpacaFocuser &f, const Parameters &) { return f.connecting(); }, nullptr};
-        m["devicestate"] = {[](AlpacaFocuser &f, const Parameters &) { return f.deviceState(); }, nullptr};
-        m["description"] = {[](AlpacaFocuser &f, const Parameters &) { return f.description(); }, nullptr};
-        m["driverinfo"] = {[version](AlpacaFocuser &, const Parameters &) {
-                               return Answer::of("zor_alpaca, the Alpaca server of the ZOR focuser SDK " +
-                                                 version);
-                           },
-                           nullptr};
-        m["driverversion"] = {[version](AlpacaFocuser &, const Parameters &) { return Answer::of(version); },
-                              nullptr};
-        m["interfaceversion"] = {
-            [](AlpacaFocuser &, const Parameters &) { return Answer::of(kInterfaceVersion); }, nullptr};
-        m["name"] = {[](AlpacaFocuser &f, const Parameters &) { return Answer::of(f.name()); }, nullptr};
-        m["supportedactions"] = {
-            [](AlpacaFocuser &, const Parameters &) { return Answer::of(nlohmann::json::array()); }, nullptr};
-        m["action"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
-                           const std::string action = p.text("Action");
-                           p.text("Parameters");
-                           return Answer::error(kActionNotImplemented,
-                                                "Action \"" + action.substr(0, 40) + "\" is not implemented");
-                       }};
-        m["commandblind"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
-                                 return notImplementedCommand(p, "CommandBlind");
-                             }};
-        m["commandbool"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
-                                return notImplementedCommand(p, "CommandBool");
-                            }};
-        m["commandstring"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
-                                  return notImplementedCommand(p, "CommandString");
-                              }};
-        m["absolute"] = {[](AlpacaFocuser &f, const Parameters &) { return f.absolute(); }, nullptr};
-        m["ismoving"] = {[](AlpacaFocuser &f, const Parameters &) { return f.isMoving(); }, nullptr};
-        m["maxincrement"] = {[](AlpacaFocuser &f, const Parameters &) { return f.maxIncrement(); }, nullptr};
-        m["maxstep"] = {[](AlpacaFocuser &f, const Parameters &) { return f.maxStep(); }, nullptr};
-        m["position"] = {[](AlpacaFocuser &f, const Parameters &) { return f.position(); }, nullptr};
-        m["stepsize"] = {[](AlpacaFocuser &f, const Parameters &) { return f.stepSize(); }, nullptr};
-        m["tempcomp"] = {
-            [](AlpacaFocuser &f, const Parameters &) { return f.tempComp(); },
-            [](AlpacaFocuser &f, const Parameters &p) { return f.setTempComp(p.boolean("TempComp")); }};
-        m["tempcompavailable"] = {[](AlpacaFocuser &f, const Parameters &) { return f.tempCompAvailable(); },
-                                  nullptr};
-        m["temperature"] = {[](AlpacaFocuser &f, const Parameters &) { return f.temperature(); }, nullptr};
-        m["halt"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.halt(); }};
-        m["move"] = {nullptr,
-                     [](AlpacaFocuser &f, const Parameters &p) { return f.move(p.integer("Position")); }};
-        return m;
-    }();
-    return table;
 }
 
 std::vector<std::string> split(const std::string &path)
@@ -116,6 +47,63 @@ void badRequest(httplib::Response &response, const std::string &reason)
 
 } // namespace
 
+// Every member of the focuser interface, version 4, by its path name.
+std::map<std::string, AlpacaServer::Member> AlpacaServer::memberTable(const std::string &version)
+{
+    std::map<std::string, Member> m;
+    m["connected"] = {
+        [](AlpacaFocuser &f, const Parameters &) { return f.connected(); },
+        [](AlpacaFocuser &f, const Parameters &p) { return f.setConnected(p.boolean("Connected")); }};
+    m["connect"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.connect(); }};
+    m["disconnect"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.disconnect(); }};
+    m["connecting"] = {[](AlpacaFocuser &f, const Parameters &) { return f.connecting(); }, nullptr};
+    m["devicestate"] = {[](AlpacaFocuser &f, const Parameters &) { return f.deviceState(); }, nullptr};
+    m["description"] = {[](AlpacaFocuser &f, const Parameters &) { return f.description(); }, nullptr};
+    m["driverinfo"] = {[version](AlpacaFocuser &, const Parameters &) {
+                           return Answer::of("zor_alpaca, the Alpaca server of the ZOR focuser SDK " +
+                                             version);
+                       },
+                       nullptr};
+    m["driverversion"] = {[version](AlpacaFocuser &, const Parameters &) { return Answer::of(version); },
+                          nullptr};
+    m["interfaceversion"] = {
+        [](AlpacaFocuser &, const Parameters &) { return Answer::of(kInterfaceVersion); }, nullptr};
+    m["name"] = {[](AlpacaFocuser &f, const Parameters &) { return Answer::of(f.name()); }, nullptr};
+    m["supportedactions"] = {
+        [](AlpacaFocuser &, const Parameters &) { return Answer::of(nlohmann::json::array()); }, nullptr};
+    m["action"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
+                       const std::string action = p.text("Action");
+                       p.text("Parameters");
+                       return Answer::error(kActionNotImplemented,
+                                            "Action \"" + action.substr(0, 40) + "\" is not implemented");
+                   }};
+    m["commandblind"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
+                             return notImplementedCommand(p, "CommandBlind");
+                         }};
+    m["commandbool"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
+                            return notImplementedCommand(p, "CommandBool");
+                        }};
+    m["commandstring"] = {nullptr, [](AlpacaFocuser &, const Parameters &p) {
+                              return notImplementedCommand(p, "CommandString");
+                          }};
+    m["absolute"] = {[](AlpacaFocuser &f, const Parameters &) { return f.absolute(); }, nullptr};
+    m["ismoving"] = {[](AlpacaFocuser &f, const Parameters &) { return f.isMoving(); }, nullptr};
+    m["maxincrement"] = {[](AlpacaFocuser &f, const Parameters &) { return f.maxIncrement(); }, nullptr};
+    m["maxstep"] = {[](AlpacaFocuser &f, const Parameters &) { return f.maxStep(); }, nullptr};
+    m["position"] = {[](AlpacaFocuser &f, const Parameters &) { return f.position(); }, nullptr};
+    m["stepsize"] = {[](AlpacaFocuser &f, const Parameters &) { return f.stepSize(); }, nullptr};
+    m["tempcomp"] = {
+        [](AlpacaFocuser &f, const Parameters &) { return f.tempComp(); },
+        [](AlpacaFocuser &f, const Parameters &p) { return f.setTempComp(p.boolean("TempComp")); }};
+    m["tempcompavailable"] = {[](AlpacaFocuser &f, const Parameters &) { return f.tempCompAvailable(); },
+                              nullptr};
+    m["temperature"] = {[](AlpacaFocuser &f, const Parameters &) { return f.temperature(); }, nullptr};
+    m["halt"] = {nullptr, [](AlpacaFocuser &f, const Parameters &) { return f.halt(); }};
+    m["move"] = {nullptr,
+                 [](AlpacaFocuser &f, const Parameters &p) { return f.move(p.integer("Position")); }};
+    return m;
+}
+
 void Devices::add(std::shared_ptr<AlpacaFocuser> device)
 {
     std::unique_lock<std::shared_mutex> lock(m_mutex);
@@ -136,9 +124,9 @@ std::vector<std::shared_ptr<AlpacaFocuser>> Devices::all() const
 
 AlpacaServer::AlpacaServer(Devices &devices, ServerConfig &config, ServerInfo info,
                            std::function<bool(const std::string &)> addBluetooth)
-    : m_devices(devices), m_config(config), m_info(std::move(info)), m_addBluetooth(std::move(addBluetooth))
+    : m_devices(devices), m_config(config), m_info(std::move(info)), m_addBluetooth(std::move(addBluetooth)),
+      m_members(memberTable(m_info.version))
 {
-    members(m_info); // built once, before any request thread
 }
 
 void AlpacaServer::install(httplib::Server &http)
@@ -198,9 +186,8 @@ void AlpacaServer::deviceApi(const httplib::Request &request, httplib::Response 
     const auto device = m_devices.at(*number);
     if (!device)
         return badRequest(response, "There is no focuser number " + parts[4]);
-    const auto &table = members(m_info);
-    const auto found = table.find(parts[5]);
-    if (found == table.end())
+    const auto found = m_members.find(parts[5]);
+    if (found == m_members.end())
         return badRequest(response, "Focusers have no member \"" + parts[5].substr(0, 40) + "\"");
     const auto &handler = request.method == "GET" ? found->second.get : found->second.put;
     if (!handler)

@@ -10,6 +10,8 @@
 
 #include <httplib.h>
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <shared_mutex>
 #include <vector>
@@ -45,6 +47,12 @@ class AlpacaServer {
     void install(httplib::Server &http);
 
   private:
+    // A member's GET and PUT (either may be absent); they throw BadRequest.
+    struct Member {
+        std::function<Answer(AlpacaFocuser &, const Parameters &)> get, put;
+    };
+    static std::map<std::string, Member> memberTable(const std::string &version);
+
     void deviceApi(const httplib::Request &request, httplib::Response &response);
     void management(const httplib::Request &request, httplib::Response &response, const std::string &what);
     void serverSetupPage(const httplib::Request &request, httplib::Response &response);
@@ -56,6 +64,7 @@ class AlpacaServer {
     ServerConfig &m_config;
     const ServerInfo m_info;
     std::function<bool(const std::string &)> m_addBluetooth;
+    const std::map<std::string, Member> m_members;
     Transactions m_transactions;
 };
 

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <atomic>
 #include <csignal>
 #include <future>
 #include <iostream>
@@ -123,14 +124,21 @@ int run(const Options &options)
     if (!discovery.start(options.bind, options.discoveryPort, options.port, problem))
         std::cerr << "zor_alpaca: no discovery on port " << options.discoveryPort << ": " << problem << '\n';
 
+    std::atomic<bool> served{false};
     std::thread stopper([&] {
         int signal = 0;
         sigwait(&stopSignals, &signal);
-        http.stop();
+        // stop() does nothing before the server runs: a signal that came
+        // while it was starting is acted on once it does.
+        while (!served) {
+            http.stop();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
     });
     std::cout << "zor_alpaca: serving " << devices.all().size() << " focuser(s) on port " << options.port
               << ", discovery on port " << options.discoveryPort << std::endl;
     const bool listened = http.listen_after_bind();
+    served = true;
     if (!listened)
         kill(getpid(), SIGTERM); // ends the stopper
     stopper.join();

@@ -204,8 +204,10 @@ void AlpacaServer::focuserSetupPage(const httplib::Request &request, httplib::Re
     } else {
         body += "<p>Connect the focuser (from a client) to change the settings it keeps.</p>\n";
     }
-    body += "<h2>Temperature compensation</h2>\n" +
-            checkbox("tempcomp", "On (TempComp)", s.compensation.enabled) +
+    body += "<h2>Temperature compensation</h2>\n";
+    if (s.compensationReference)
+        body += "<p>Focus was set at " + formatted(*s.compensationReference) + " &deg;C.</p>\n";
+    body += checkbox("tempcomp", "On (TempComp)", s.compensation.enabled) +
             number("stepsperdegree", "Steps per &deg;C", formatted(s.compensation.stepsPerDegree),
                    "type=\"number\" step=\"any\"") +
             number("threshold", "Threshold (&deg;C)", formatted(s.compensation.threshold),

@@ -13,9 +13,9 @@ scripts/bootstrap.sh >"$setup_log" 2>&1 || { cat "$setup_log"; exit 1; }
 rm -f "$setup_log"
 
 build=${ZOR_DEMO_BUILD:-build-demo}
-echo "=== building zorctl and the Python package in ${build}"
+echo "=== building zorctl, the Python package and zor_alpaca in ${build}"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target zorctl zor_hidsim zor_bluez_sim zor_python >/dev/null
+cmake --build "$build" -j"$(nproc 2>/dev/null || echo 2)" --target zorctl zor_hidsim zor_bluez_sim zor_python zor_alpaca >/dev/null
 zorctl="$build/tools/zorctl/zorctl"
 
 # Virtual focusers keep their settings and logs under XDG_STATE_HOME (never

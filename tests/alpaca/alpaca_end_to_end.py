@@ -274,7 +274,7 @@ def focuser():
     start = s.value("position")
     s.put("tempcomp", TempComp="true")
     check(s.value("tempcomp") is True, "TempComp reads back on at once")
-    time.sleep(0.8)  # the worker takes the reference temperature
+    s.wait(lambda: "Focus was set at 20 " in s.request("GET", "/setup/v1/focuser/0/setup")[1], "the reference")
     sim("temperature 0 25")
     s.wait(lambda: s.value("position") == start + 500 and not s.value("ismoving"), "a compensation move of 500")
     s.put("tempcomp", TempComp="false")
@@ -426,11 +426,15 @@ class DevTools:
         return self.call("Runtime.evaluate", expression=expression, returnByValue=True)["result"].get("value")
 
     def load(self, url, title_wanted=None):
+        """Navigates to `url` and waits until that page (not the one before
+        it) has loaded: its address is `url`, or its title `title_wanted`
+        (for a page that posts on)."""
         self.call("Page.navigate", url=url)
         end = time.monotonic() + 30
         while time.monotonic() < end:
-            if self.evaluate("document.readyState") == "complete" and \
-                    (title_wanted is None or self.evaluate("document.title") == title_wanted):
+            arrived = self.evaluate("document.title") == title_wanted if title_wanted else \
+                self.evaluate("location.href") == url
+            if arrived and self.evaluate("document.readyState") == "complete":
                 return
             time.sleep(0.1)
         raise Failure("loading " + url)
@@ -459,14 +463,17 @@ def setup():
         page.load(base + "/setup")
         check("focuser/0" in page.evaluate("document.body.innerText"), "the server's page lists focuser/0")
         check(page.evaluate("document.scripts.length") == 0, "no scripts")
-        page.load(base + "/setup/v1/focuser/0/setup", "Focuser 0 setup")
+        page.load(base + "/setup/v1/focuser/0/setup")
+        check(page.evaluate("document.title") == "Focuser 0 setup", "the focuser's page")
         check(page.evaluate("document.querySelector('input[name=backlash]').value") == "0", "backlash shown as 0")
 
         # The form, filled in and sent as a user would.
         page.evaluate("document.querySelector('input[name=backlash]').value = '77';"
                       "document.querySelector('button[type=submit]').click()")
         s.wait(lambda: sim_state(0)["backlash"] == "77", "the backlash set from the form")
-        page.load(base + "/setup/v1/focuser/0/setup", "Focuser 0 setup")
+        s.wait(lambda: 'name="backlash" value="77"' in s.request("GET", "/setup/v1/focuser/0/setup")[1],
+               "the backlash read back")
+        page.load(base + "/setup/v1/focuser/0/setup?again")
         check(page.evaluate("document.querySelector('input[name=backlash]').value") == "77", "backlash shown as 77")
 
         # A page of another origin posts the same form: refused.
