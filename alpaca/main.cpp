@@ -13,6 +13,7 @@
 #include <future>
 #include <iostream>
 #include <mutex>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <set>
 #include <sys/socket.h>
@@ -26,7 +27,8 @@ using namespace zoralpaca;
 struct Options {
     int port = 11111;
     int discoveryPort = 32227;
-    std::string bind = "0.0.0.0";
+    std::string bind; // empty: every interface, IPv6 and IPv4
+
     std::vector<std::string> bluetooth;
 };
 
@@ -104,21 +106,29 @@ int run(const Options &options)
     // delayed acknowledgement.
     http.set_tcp_nodelay(true);
     http.set_keep_alive_max_count(1000);
-    int listening = -1;
-    http.set_socket_options([&listening](socket_t fd) {
-        const int yes = 1;
+    int listeningSocket = -1;
+    http.set_socket_options([&listeningSocket](socket_t fd) {
+        const int yes = 1, no = 0;
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        listening = fd;
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no); // IPv4 too (fails on IPv4 sockets)
+        listeningSocket = fd;
     });
     AlpacaServer server(devices, config, ServerInfo{options.port, ZOR_ALPACA_VERSION}, addBluetooth);
     server.install(http);
-    if (!http.bind_to_port(options.bind, options.port)) {
-        std::cerr << "zor_alpaca: cannot listen on " << options.bind << " port " << options.port << '\n';
+    // Every interface: one IPv6 socket that takes IPv4 too, or IPv4 alone
+    // where the computer has no IPv6.
+    const bool listening = options.bind.empty() ? http.bind_to_port("::", options.port) ||
+                                                      http.bind_to_port("0.0.0.0", options.port)
+                                                : http.bind_to_port(options.bind, options.port);
+    if (!listening) {
+        std::cerr << "zor_alpaca: cannot listen on "
+                  << (options.bind.empty() ? "every interface" : options.bind) << " port " << options.port
+                  << '\n';
         return 1;
     }
     // httplib listens with a backlog of 5, which drops the connections of
     // many clients starting at once; listen() again raises it.
-    listen(listening, SOMAXCONN);
+    listen(listeningSocket, SOMAXCONN);
     Discovery discovery;
     std::string problem;
     if (!discovery.start(options.bind, options.discoveryPort, options.port, problem))
