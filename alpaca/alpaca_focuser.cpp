@@ -86,6 +86,10 @@ Answer AlpacaFocuser::waitFor(void (zorservice::Focuser::*call)(zorservice::Done
 {
     auto outcome = std::make_shared<std::promise<int>>();
     auto posted = m_posted;
+    {
+        std::lock_guard<std::mutex> lock(posted->mutex);
+        posted->linkFailure = 0; // this call answers with its own outcome
+    }
     ++posted->linkChanges;
     (m_focuser.get()->*call)([outcome, posted](int code) {
         --posted->linkChanges;
@@ -111,11 +115,22 @@ Answer AlpacaFocuser::setConnected(bool on)
               : waitFor(&zorservice::Focuser::disconnect, false);
 }
 
+zorservice::Done AlpacaFocuser::linkChangeDone(std::shared_ptr<Posted> posted)
+{
+    return [posted](int code) {
+        {
+            std::lock_guard<std::mutex> lock(posted->mutex);
+            posted->linkFailure = code;
+        }
+        --posted->linkChanges;
+    };
+}
+
 Answer AlpacaFocuser::connect()
 {
     auto posted = m_posted;
     ++posted->linkChanges;
-    m_focuser->connect([posted](int) { --posted->linkChanges; });
+    m_focuser->connect(linkChangeDone(posted));
     return Answer::done();
 }
 
@@ -123,13 +138,26 @@ Answer AlpacaFocuser::disconnect()
 {
     auto posted = m_posted;
     ++posted->linkChanges;
-    m_focuser->disconnect([posted](int) { --posted->linkChanges; });
+    m_focuser->disconnect(linkChangeDone(posted));
     return Answer::done();
 }
 
-Answer AlpacaFocuser::connecting() const
+Answer AlpacaFocuser::connecting()
 {
-    return Answer::of(m_posted->linkChanges > 0 || m_focuser->snapshot().link == Link::Connecting);
+    const Snapshot s = m_focuser->snapshot();
+    if (m_posted->linkChanges > 0 || s.link == Link::Connecting)
+        return Answer::of(true);
+    int failure = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_posted->mutex);
+        std::swap(failure, m_posted->linkFailure);
+    }
+    if (failure == ZOR_SUCCESS)
+        return Answer::of(false);
+    Answer failed = answerForCode(failure);
+    if (!s.lastErrorText.empty())
+        failed.errorMessage = s.lastErrorText;
+    return failed;
 }
 
 Answer AlpacaFocuser::deviceState() const

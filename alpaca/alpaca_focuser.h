@@ -58,7 +58,9 @@ class AlpacaFocuser {
     Answer setConnected(bool on);
     Answer connect();
     Answer disconnect();
-    Answer connecting() const;
+    // False once Connect() or Disconnect() is done; the read that finds a
+    // failed one answers with its error instead, once.
+    Answer connecting();
     Answer deviceState() const;
     Answer description() const;
 
@@ -96,10 +98,13 @@ class AlpacaFocuser {
     struct Posted {
         std::atomic<int> moves{0};
         std::atomic<int> linkChanges{0};
-        std::mutex mutex; // the two below
+        std::mutex mutex; // the three below
         int compensationChanges = 0;
         zorservice::CompensationSettings compensation; // the last one posted
+        int linkFailure = 0; // how the last Connect() or Disconnect() failed, until Connecting tells it
     };
+    // The completion of a posted Connect() or Disconnect().
+    static zorservice::Done linkChangeDone(std::shared_ptr<Posted> posted);
     std::shared_ptr<Posted> m_posted = std::make_shared<Posted>();
 };
 

@@ -320,6 +320,15 @@ def focuser():
     s.wait(lambda: not s.value("connecting", 1), "disconnecting")
     check(s.value("connected", 1) is False and s.api("GET", "position", device=1)["ErrorNumber"] == NOT_CONNECTED,
           "disconnected")
+    # A Connect() that fails: the read of Connecting that finds it done
+    # answers with the failure, once.
+    sim("fail-opens 1 1")
+    s.put("connect", 1)
+    outcome = {}
+    s.wait(lambda: outcome.update(s.api("GET", "connecting", device=1)) or outcome["ErrorNumber"]
+           or outcome["Value"] is False, "the failed connect")
+    check(outcome["ErrorNumber"] >= 0x500 and "open" in outcome["ErrorMessage"], "the failure told: %s" % outcome)
+    check(s.value("connecting", 1) is False and s.value("connected", 1) is False, "told once; not connected")
     s.put("connected", 1, Connected="true")
     check(s.value("position", 1) == 70000, "connected again, where it was")
     s.put("connected", 0, Connected="false")
