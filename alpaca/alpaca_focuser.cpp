@@ -3,6 +3,7 @@
 #include "ZOR_focuser.h"
 
 #include <chrono>
+#include <cstdio>
 #include <ctime>
 #include <future>
 

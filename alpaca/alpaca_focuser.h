@@ -83,7 +83,7 @@ class AlpacaFocuser {
     void setCompensation(const zorservice::CompensationSettings &settings);
 
   private:
-    // The snapshot when connected, else the error every operational member answers.
+    // Nothing when the focuser is connected, else the error every member that needs it answers.
     std::optional<Answer> notConnected(const zorservice::Snapshot &s) const;
     Answer waitFor(void (zorservice::Focuser::*call)(zorservice::Done), bool connecting);
     zorservice::CompensationSettings compensationShown(const zorservice::Snapshot &s) const;
