@@ -452,9 +452,9 @@ class DevTools:
 def setup():
     s = Server("pro/speed=20000/max=100000")
     s.connect(0)
-    browser = subprocess.Popen(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
-                                "--user-data-dir=" + os.path.join(work, "chromium"), "--remote-debugging-port=0",
-                                "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+    browser = subprocess.Popen(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                                "--no-first-run", "--user-data-dir=" + os.path.join(work, "chromium"),
+                                "--remote-debugging-port=0", "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                                env=dict(os.environ, HOME=os.path.join(work, "home")))
     try:
         port = None
