@@ -223,13 +223,14 @@ void CZOR::onConnectionState(ConnectionGate &gate, bool connected)
     std::lock_guard<std::recursive_mutex> lock(gate.mutex);
     if (!gate.device)
         return;
+    // The session ends before the client hears of it, so that its calls
+    // already answer 53 when its callback runs.
+    if (!connected)
+        gate.device->onLinkLost();
     if (ZORConnStateCallback callback = gate.device->m_connStateCallback) {
         callback(connected);
         ZOR_LOG("BLE connection state changed: %s", connected ? "Connected" : "Disconnected");
     }
-    // The client's callback may have disconnected, and so destroyed, the object.
-    if (!connected && gate.device)
-        gate.device->onLinkLost();
 }
 
 void CZOR::onLinkLost()
