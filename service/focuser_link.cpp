@@ -105,11 +105,7 @@ FocuserImpl::Outcome FocuserImpl::openUsb()
     const std::string serial = m_key.substr(4);
     Outcome outcome{kNotFound, "the focuser " + serial + " is not connected by USB"};
     std::unique_lock<std::shared_mutex> tables(usbTables());
-    const int count = ZORGetNum();
-    for (int index = 0; index < count; ++index) {
-        int id = -1;
-        if (ZORGetID(index, &id) != ZOR_SUCCESS)
-            continue;
+    for (const int id : enumerateUsbIds()) {
         {
             std::lock_guard<std::mutex> lock(m_service.mutex);
             if (m_service.usbClaims.count(id))

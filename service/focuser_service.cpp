@@ -48,6 +48,18 @@ std::shared_mutex &usbTables()
     return lock;
 }
 
+std::vector<int> enumerateUsbIds()
+{
+    std::vector<int> ids;
+    const int count = ZORGetNum();
+    for (int index = 0; index < count; ++index) {
+        int id = -1;
+        if (ZORGetID(index, &id) == ZOR_SUCCESS)
+            ids.push_back(id);
+    }
+    return ids;
+}
+
 std::mutex &bluetoothSession()
 {
     static std::mutex lock;
@@ -88,11 +100,7 @@ void Service::State::rescanUsb()
     std::vector<std::string> problemsSeen;
     {
         std::unique_lock<std::shared_mutex> tables(usbTables());
-        const int count = ZORGetNum();
-        for (int index = 0; index < count; ++index) {
-            int id = -1;
-            if (ZORGetID(index, &id) != ZOR_SUCCESS)
-                continue;
+        for (const int id : enumerateUsbIds()) {
             std::unique_lock<std::mutex> lock(mutex);
             const auto claim = usbClaims.find(id);
             if (claim != usbClaims.end()) { // ours: keep what it was listed as

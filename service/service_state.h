@@ -14,6 +14,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <vector>
 
 namespace zorservice {
 
@@ -22,6 +23,9 @@ namespace zorservice {
 // thread at a time. So they take this lock alone, and the calls on an open
 // USB focuser share it.
 std::shared_mutex &usbTables();
+// Enumerates the USB focusers and returns their IDs; call with usbTables()
+// held alone.
+std::vector<int> enumerateUsbIds();
 // Bluetooth scan, connect, pair and disconnect share one transport.
 std::mutex &bluetoothSession();
 
