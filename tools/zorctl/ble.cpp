@@ -119,10 +119,12 @@ bool bluetoothChosen() { return g_chosen || g_current; }
 
 void chooseBluetooth() { g_chosen = true; }
 
+void throwLinkLost(int id) { throw UserError("the Bluetooth link to focuser " + std::to_string(id) + " was lost"); }
+
 void throwIfLinkLost(int id)
 {
     if (isBluetoothId(id) && g_linkLost)
-        throw UserError("the Bluetooth link to focuser " + std::to_string(id) + " was lost");
+        throwLinkLost(id);
 }
 
 } // namespace zorctl

@@ -48,5 +48,6 @@ void chooseBluetooth();
 // Throws UserError when the focuser behind `id` has lost its Bluetooth link
 // (reported by the library's connection-state callback).
 void throwIfLinkLost(int id);
+[[noreturn]] void throwLinkLost(int id);
 
 } // namespace zorctl

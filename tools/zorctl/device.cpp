@@ -16,9 +16,10 @@ void check(ZOR_ERROR_CODE code, const std::string &doing)
 {
     if (code == ZOR_SUCCESS)
         return;
-    // After a lost link every call answers 53: the loss is what to report.
+    // The open link's ID answers 53 only once the link is gone (possibly
+    // before the callback has said so): the loss is what to report.
     if (code == ZOR_ERROR_BLE_NOT_CONNECTED && BleLink::current())
-        throwIfLinkLost(BleLink::current()->id());
+        throwLinkLost(BleLink::current()->id());
     throw Failure(doing, code);
 }
 
